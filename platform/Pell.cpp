@@ -1,0 +1,110 @@
+// Reference implementation of the task runtime: a single-threaded event loop
+// over a virtual or wall clock.
+#include "platform/Pell.h"
+
+#include <cmath>
+#include <thread>
+
+namespace Pell {
+
+Nanoseconds nanoseconds(Zov::Seconds seconds) {
+  return static_cast<Nanoseconds>(std::llround(seconds * 1e9));
+}
+
+Zov::Ptr<TaskSchedulerRoot> TaskSchedulerRoot::findOrCreateScheduler() {
+  // Never destroyed: tasks in static objects of unloading plugins may still
+  // disarm themselves during process exit.
+  static TaskSchedulerRoot* root = [] {
+    auto* r = new TaskSchedulerRoot();
+    r->newRef();
+    return r;
+  }();
+  return Zov::Ptr<TaskSchedulerRoot>(root);
+}
+
+void TaskSchedulerRoot::wallClockIs(bool wallClock) {
+  if (wallClock == wallClock_) return;
+  wallClock_ = wallClock;
+  wallEpoch_ = std::chrono::steady_clock::now();
+  wallOffset_ = now_;
+}
+
+Nanoseconds TaskSchedulerRoot::wallNow() const {
+  return wallOffset_ + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                           std::chrono::steady_clock::now() - wallEpoch_)
+                           .count();
+}
+
+void TaskSchedulerRoot::waitUntil(Nanoseconds when) {
+  if (wallClock_) {
+    const Nanoseconds wait = when - wallNow();
+    if (wait > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
+  }
+  if (when > now_) now_ = when;
+}
+
+Nanoseconds TaskSchedulerRoot::nextDue() const {
+  return armed_.empty() ? -1 : armed_.begin()->due;
+}
+
+void TaskSchedulerRoot::taskArmIs(TimerTask* task, Nanoseconds due) {
+  if (task->armed_) taskDisarm(task);
+  task->armed_ = true;
+  task->due_ = due;
+  task->armSequence_ = ++sequence_;
+  armed_.insert({due, task->taskPriority().value(), task->armSequence_, task});
+}
+
+void TaskSchedulerRoot::taskDisarm(TimerTask* task) {
+  if (!task->armed_) return;
+  armed_.erase({task->due_, task->taskPriority().value(), task->armSequence_, task});
+  task->armed_ = false;
+}
+
+bool TaskSchedulerRoot::runNext(Nanoseconds limit) {
+  if (armed_.empty() || armed_.begin()->due > limit) return false;
+  const Armed next = *armed_.begin();
+  // Hold the task while it runs: its notifiees may drop every other reference.
+  Zov::Ptr<TimerTask> task(next.task);
+  taskDisarm(next.task);
+  waitUntil(next.due);
+  ++runs_;
+  task->run();
+  return true;
+}
+
+void TaskSchedulerRoot::advance(Nanoseconds duration) {
+  const Nanoseconds end = (wallClock_ ? std::max(now_, wallNow()) : now_) + duration;
+  while (runNext(end)) {
+  }
+  waitUntil(end);
+}
+
+bool TaskSchedulerRoot::settle(std::uint64_t maxRuns) {
+  for (std::uint64_t n = 0; n < maxRuns; ++n) {
+    if (!runNext(armed_.empty() ? 0 : armed_.begin()->due)) return true;
+  }
+  return armed_.empty();
+}
+
+TimerTask::~TimerTask() {
+  if (armed_) taskScheduler()->taskDisarm(this);
+}
+
+void TimerTask::scheduleTaskLowestDelay(Zov::Seconds delay) {
+  TaskScheduler& scheduler = *taskScheduler();
+  const Nanoseconds due = scheduler.now() + std::max<Nanoseconds>(0, nanoseconds(delay));
+  if (armed_ && due_ <= due) return;
+  scheduler.taskArmIs(this, due);
+}
+
+void TimerTask::stopTimerTask() {
+  if (armed_) taskScheduler()->taskDisarm(this);
+}
+
+void TimerTask::run() {
+  ++runs_;
+  notifieeList()->visit(kRun);
+}
+
+}  // namespace Pell

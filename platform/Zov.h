@@ -353,6 +353,7 @@ class BoundedString : public String {
   BoundedString(const String& s) : String(checked(s)) {}
   BoundedString(const char* text) : BoundedString(String(text)) {}
   BoundedString(std::string_view text) : BoundedString(String(text)) {}
+  BoundedString(const std::string& text) : BoundedString(String(text)) {}
 
  private:
   static const String& checked(const String& s) {

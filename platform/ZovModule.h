@@ -5,8 +5,11 @@
 // withdraws it when it is unloaded (`zovModuleDel`). Each type has an index in
 // its module, and its objects report (module, index) through `fwkType()`.
 // Tools find modules and types by name and read each type's attributes:
-// name, id and kind.
+// name, id and kind. The tables are plain constant data (spans over static
+// arrays), so a module is complete before any code of its shared object runs.
 #pragma once
+
+#include <span>
 
 namespace Zov {
 
@@ -22,12 +25,12 @@ struct AttributeInfo {
   AttributeId id;
   AttributeKind kind;
   const char* keyName = nullptr;
-  std::vector<const char*> argumentNames = {};
+  std::span<const char* const> argumentNames = {};
 };
 
 struct ZovTypeInfo {
   const char* name;  // qualified, e.g. "McastDns::CpAclSm"
-  std::vector<AttributeInfo> attributes = {};
+  std::span<const AttributeInfo> attributes = {};
 
   // The attribute with this id, or null.
   const AttributeInfo* attribute(AttributeId id) const;
@@ -37,7 +40,7 @@ struct ZovTypeInfo {
 
 struct ZovModule {
   const char* name;
-  std::vector<ZovTypeInfo> types;
+  std::span<const ZovTypeInfo> types;
 };
 
 // Registers a module; registering the same module again changes nothing.

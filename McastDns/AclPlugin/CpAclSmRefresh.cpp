@@ -1,0 +1,91 @@
+// The refresh: the one place where the plugin decides and speaks. It
+// recomputes every decision from the mounted state and sends all of them,
+// changed or not; the service keeps repeats harmless.
+#include <unordered_map>
+
+#include "McastDns/AclPlugin/CpAclSm.h"
+#include "McastDns/AclPlugin/CpAclSmReactors.h"
+#include "McastDns/AclPlugin/Trace.h"
+
+namespace McastDns {
+
+namespace {
+// The fixed parts of every rule this plugin hands out.
+struct RuleKeyTexts {
+  Zov::String chain{"INPUT"};
+  Zov::String owner{"McastDnsAclPlugin"};
+  Zov::String empty;
+};
+const RuleKeyTexts& ruleKeyTexts() {
+  static const RuleKeyTexts texts;
+  return texts;
+}
+
+constexpr Acl::IptablesType kIptablesType = Acl::IptablesType::kIptables;
+constexpr Acl::AclType kAclType = Acl::AclType::kControlPlane;
+constexpr Acl::AclDirection kDirection = Acl::AclDirection::kIn;
+constexpr unsigned kMdnsSequence = 0;
+constexpr unsigned kGatewaySequence = 1;
+}  // namespace
+
+void CpAclSm::handleRefreshAcls(bool force) {
+  MCASTDNS_TRACE(kTraceHandler, "handleRefreshAcls")
+      << "void McastDns::CpAclSm::handleRefreshAcls(bool)";
+  if (!initialized_) return;
+  if (!dirtyAcl_ && !force) return;
+
+  // true: the VRF needs the rule; false: it is known and must not have it.
+  std::unordered_map<L3::VrfName, bool, ZovHash<L3::VrfName>> vrfs;
+
+  const Status* status = zovMcastDnsStatus_ ? zovMcastDnsStatus_->entity() : nullptr;
+  const L3::Intf::StatusDir* intfDir =
+      zovL3IntfStatusDir_ ? zovL3IntfStatusDir_->entity() : nullptr;
+  if (status && intfDir) {
+    for (const auto& [key, link] : status->linkStatus()) {
+      const L3::Intf::Status* intf = intfDir->intfStatus(key.intfId);
+      if (intf && link->state() == LinkStatus::kStateUp) vrfs[intf->vrf()] = true;
+    }
+  }
+  if (allVrfStatusGlobal_) {
+    for (const auto& entry : allVrfStatusGlobal_->vrf()) vrfs.try_emplace(entry.first, false);
+  }
+  if (allVrfStatusLocal_) {
+    for (const auto& entry : allVrfStatusLocal_->vrf()) vrfs.try_emplace(entry.first, false);
+  }
+  vrfs.try_emplace(L3::VrfName::defaultVrf(), false);
+
+  const RuleKeyTexts& texts = ruleKeyTexts();
+  if (Acl::PluginContext* context = context_.ptr()) {
+    for (const auto& [vrf, needed] : vrfs) {
+      if (needed) {
+        context->registerChainRule(kIptablesType, kAclType, vrf, kDirection, texts.chain,
+                                   texts.owner, kMdnsSequence, mdnsIptRule_, texts.empty,
+                                   texts.empty, false, Acl::UniqueId());
+      } else {
+        context->unregisterChainRule(kIptablesType, kAclType, vrf, kDirection, texts.chain,
+                                     texts.owner, kMdnsSequence);
+      }
+      context->finishRegistration(kIptablesType, kAclType, vrf, texts.chain);
+    }
+
+    const Config* config = zovMcastDnsConfig_ ? zovMcastDnsConfig_->entity() : nullptr;
+    const L3::VrfName defaultVrf = L3::VrfName::defaultVrf();
+    if (config && config->gatewayEnabled() && config->gatewaySetting() != 0) {
+      context->registerChainRule(kIptablesType, kAclType, defaultVrf, kDirection, texts.chain,
+                                 texts.owner, kGatewaySequence, mdnsGwIptRule_, texts.empty,
+                                 texts.empty, false, Acl::UniqueId());
+    } else {
+      context->unregisterChainRule(kIptablesType, kAclType, defaultVrf, kDirection, texts.chain,
+                                   texts.owner, kGatewaySequence);
+    }
+    context->finishRegistration(kIptablesType, kAclType, defaultVrf, texts.chain);
+  }
+
+  if (force && refreshAclsTask_) {
+    if (Pell::TimerTask* task = refreshAclsTask_->timerTask()) task->stopTimerTask();
+  }
+  dirtyAcl_ = false;
+  ++refreshes_;
+}
+
+}  // namespace McastDns

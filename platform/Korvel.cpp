@@ -44,7 +44,9 @@ Mounter::Mounter(const Zov::String& name) : Entity(name), mounterId_(++nextMount
   liveMounters().emplace(mounterId_, this);
 }
 
-Mounter::~Mounter() { liveMounters().erase(mounterId_); }
+Mounter::~Mounter() {
+  liveMounters().erase(mounterId_);
+}
 
 Mounter* Mounter::find(std::uint64_t mounterId) {
   auto it = liveMounters().find(mounterId);
@@ -136,6 +138,9 @@ void EntityManager::reportCompletion(std::uint64_t mounterId, MountStatus status
 }
 
 void EntityManager::runPending() {
+  // A mounter may drop the last reference to the manager in its report, and
+  // the reports after it still need the manager.
+  Zov::Ptr<EntityManager> self(this);
   std::vector<std::uint64_t> due;
   due.swap(pending_);
   for (std::uint64_t id : due) {
@@ -146,6 +151,7 @@ void EntityManager::runPending() {
 }
 
 void EntityManager::mountsCompleteIs(MountStatus status) {
+  Zov::Ptr<EntityManager> self(this);
   std::vector<std::uint64_t> closed;
   for (auto& [id, group] : groups_) {
     if (group->closes() != 0) closed.push_back(id);

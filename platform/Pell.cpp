@@ -2,6 +2,7 @@
 // over a virtual or wall clock.
 #include "platform/Pell.h"
 
+#include <algorithm>
 #include <cmath>
 #include <thread>
 
@@ -22,8 +23,15 @@ Zov::Ptr<TaskSchedulerRoot> TaskSchedulerRoot::findOrCreateScheduler() {
   return Zov::Ptr<TaskSchedulerRoot>(root);
 }
 
+Nanoseconds TaskSchedulerRoot::now() const {
+  return wallClock_ ? std::max(now_, wallNow()) : now_;
+}
+
 void TaskSchedulerRoot::wallClockIs(bool wallClock) {
   if (wallClock == wallClock_) return;
+  // Either way the clock goes on from where it is now: leaving the wall clock
+  // must not turn it back to the last run.
+  now_ = now();
   wallClock_ = wallClock;
   wallEpoch_ = std::chrono::steady_clock::now();
   wallOffset_ = now_;
@@ -74,7 +82,7 @@ bool TaskSchedulerRoot::runNext(Nanoseconds limit) {
 }
 
 void TaskSchedulerRoot::advance(Nanoseconds duration) {
-  const Nanoseconds end = (wallClock_ ? std::max(now_, wallNow()) : now_) + duration;
+  const Nanoseconds end = now() + duration;
   while (runNext(end)) {
   }
   waitUntil(end);

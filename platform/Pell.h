@@ -66,7 +66,8 @@ class TaskSchedulerRoot : public TaskScheduler {
   // The process's scheduler root, created on first use and never destroyed.
   static Zov::Ptr<TaskSchedulerRoot> findOrCreateScheduler();
 
-  Nanoseconds now() const override { return now_; }
+  // On the wall clock, the real present (never earlier than the last run).
+  Nanoseconds now() const override;
 
   // Virtual clock: runs every task due up to now + `duration` (inclusive),
   // moving the clock to each task's due time before it runs, and ends with the

@@ -1,0 +1,138 @@
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "platform/Zov.h"
+
+namespace {
+
+// A member whose key is its number, chained through its own link field.
+class Member : public Zov::PtrInterface {
+  ZOV_TRACKED_ALLOCATION("CollectionsTest::Member")
+
+ public:
+  explicit Member(int key) : key_(key) {}
+  int key_;
+  Zov::Ptr<Member> next_;
+};
+
+std::uint64_t liveMembers() {
+  return Member::allocTrackTypeInfo().liveObjects();
+}
+
+// `kCollide` sends every key to one bucket, so that chains are long.
+template <bool kCollide>
+struct MemberTraits {
+  using Key = int;
+  static Key key(const Member& m) { return m.key_; }
+  static std::uint64_t hash(const Key& k) { return kCollide ? 0 : static_cast<std::uint64_t>(k); }
+  static Zov::Ptr<Member>& next(Member& m) { return m.next_; }
+};
+
+template <class Traits>
+class HashMapGenericTest : public ::testing::Test {
+ protected:
+  using Members = Zov::HashMapGeneric<Member, Traits>;
+  void fill(Members& members, int count) {
+    for (int k = 0; k < count; ++k) members.newMember(Zov::Ptr<Member>(new Member(k)));
+  }
+  void TearDown() override { EXPECT_EQ(liveMembers(), 0u); }
+};
+using TraitKinds = ::testing::Types<MemberTraits<false>, MemberTraits<true>>;
+TYPED_TEST_SUITE(HashMapGenericTest, TraitKinds);
+
+TYPED_TEST(HashMapGenericTest, InsertFindDeleteAcrossGrowth) {
+  typename TestFixture::Members members(4);
+  this->fill(members, 40);
+  EXPECT_EQ(members.size(), 40u);
+  for (int k = 0; k < 40; ++k) EXPECT_TRUE(members.find(k) && members.find(k)->key_ == k) << k;
+  EXPECT_EQ(members.find(40), nullptr);
+
+  // Deleting from the middle of a chain keeps the rest reachable, and the
+  // removed member no longer holds its former neighbours.
+  Zov::Ptr<Member> removed = members.deleteMember(17);
+  ASSERT_TRUE(removed);
+  EXPECT_EQ(removed->key_, 17);
+  EXPECT_FALSE(removed->next_);
+  EXPECT_EQ(removed->references(), 1u);
+  EXPECT_FALSE(members.deleteMember(17));
+  EXPECT_EQ(members.size(), 39u);
+  for (int k = 0; k < 40; ++k) EXPECT_EQ(members.find(k) != nullptr, k != 17) << k;
+  removed = nullptr;
+  EXPECT_EQ(liveMembers(), 39u);
+
+  members.memberDelAll();
+  EXPECT_TRUE(members.empty());
+  EXPECT_EQ(liveMembers(), 0u);
+
+  // Releasing the buckets releases the members, and the collection is usable
+  // afterwards (the destructor releases what is left).
+  this->fill(members, 9);
+  Zov::Ptr<Member> kept(members.find(3));
+  members.emptyAllBuckets();
+  EXPECT_EQ(members.find(3), nullptr);
+  EXPECT_EQ(liveMembers(), 1u);
+  EXPECT_FALSE(kept->next_) << "a released member must not keep its old chain";
+  kept = nullptr;
+  this->fill(members, 6);
+  for (int k = 0; k < 6; ++k) EXPECT_NE(members.find(k), nullptr) << k;
+}
+
+TYPED_TEST(HashMapGenericTest, WalkMayRemoveTheMemberItIsAt) {
+  typename TestFixture::Members members(4);
+  this->fill(members, 25);
+  std::map<int, int> visits;
+  members.forEachMember([&](const Zov::Ptr<Member>& m) {
+    ++visits[m->key_];
+    if (m->key_ % 2 == 0) members.deleteMember(m->key_);
+  });
+  ASSERT_EQ(visits.size(), 25u);
+  for (auto [key, count] : visits) EXPECT_EQ(count, 1) << key;
+  EXPECT_EQ(liveMembers(), 12u);
+  for (int k = 0; k < 25; ++k) EXPECT_EQ(members.find(k) != nullptr, k % 2 == 1) << k;
+
+  int seen = 0;
+  members.forEachMember([&](const Zov::Ptr<Member>& m) {
+    ++seen;
+    members.deleteMember(m->key_);
+  });
+  EXPECT_EQ(seen, 12);
+  EXPECT_TRUE(members.empty());
+}
+
+// The published collections: key to counted entry.
+TEST(HashMap2018GenericTest, MutatorsReportRealChangesAndWalkMayErase) {
+  using Entries = Zov::HashMap2018Generic<int, Member, std::hash<int>>;
+  {
+    Entries entries;
+    Zov::Ptr<Member> one(new Member(1));
+    EXPECT_TRUE(entries.entryIs(1, one));
+    EXPECT_FALSE(entries.entryIs(1, one));
+    EXPECT_EQ(entries.lookup(1), one.ptr());
+
+    // Another entry under the same key replaces the first, which is released.
+    Member* firstRaw = one.ptr();
+    one = nullptr;
+    EXPECT_EQ(firstRaw->references(), 1u);
+    EXPECT_TRUE(entries.entryIs(1, Zov::Ptr<Member>(new Member(1))));
+    EXPECT_NE(entries.lookup(1), firstRaw);
+    EXPECT_EQ(liveMembers(), 1u);
+
+    EXPECT_TRUE(entries.entryDel(1));
+    EXPECT_FALSE(entries.entryDel(1));
+    EXPECT_FALSE(entries.contains(1));
+
+    for (int k = 0; k < 20; ++k) entries.entryIs(k, Zov::Ptr<Member>(new Member(k)));
+    int walked = 0;
+    for (auto it = entries.begin(); it != entries.end();) {
+      ++walked;
+      it = it->first % 3 == 0 ? entries.erase(it) : std::next(it);
+    }
+    EXPECT_EQ(walked, 20);
+    EXPECT_EQ(liveMembers(), 13u);
+    for (int k = 0; k < 20; ++k) EXPECT_EQ(entries.contains(k), k % 3 != 0) << k;
+  }
+  EXPECT_EQ(liveMembers(), 0u);
+}
+
+}  // namespace

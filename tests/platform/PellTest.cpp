@@ -1,0 +1,158 @@
+#include "platform/Pell.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "tests/platform/PlatformTesting.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ZovTesting::Listener;
+
+constexpr Pell::Nanoseconds kMs = 1'000'000;
+
+// The scheduler is the process's own: every test must leave nothing armed.
+class PellTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (auto& [task, listener] : tasks_) task->stopTimerTask();
+    tasks_.clear();
+    EXPECT_EQ(root_->armedTasks(), 0u);
+    EXPECT_EQ(Pell::TimerTask::allocTrackTypeInfo().liveObjects(), liveAtStart_);
+  }
+
+  // A task whose runs are logged by name; `hook` runs in the notification.
+  Zov::Ptr<Pell::TimerTask> taskIs(unsigned priority, const char* name,
+                                   std::function<void()> hook = {}) {
+    Zov::Ptr<Pell::TimerTask> task(new Pell::TimerTask(root_, Pell::TaskPriority(priority), name));
+    task->hasNotificationActiveIs(true);
+    tasks_.emplace_back(
+        task, Listener::listenerIs(task.ptr(), [=, this](Zov::AttributeId id, const void*) {
+          EXPECT_EQ(id, Pell::TimerTask::kRun);
+          log_.push_back(name);
+          if (hook) hook();
+        }));
+    return task;
+  }
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> root_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  std::uint64_t liveAtStart_ = Pell::TimerTask::allocTrackTypeInfo().liveObjects();
+  std::vector<std::pair<Zov::Ptr<Pell::TimerTask>, Zov::Ptr<Listener>>> tasks_;
+  std::vector<std::string> log_;
+};
+
+TEST_F(PellTest, RunsByDueTimeThenHigherPriorityThenArmingOrder) {
+  EXPECT_EQ(root_, Pell::TaskSchedulerRoot::findOrCreateScheduler());
+  auto late = taskIs(9, "late");
+  auto lowA = taskIs(1, "lowA");
+  auto high = taskIs(5, "high");
+  auto lowB = taskIs(1, "lowB");
+  auto highB = taskIs(5, "highB");
+  EXPECT_EQ(high->taskName(), Zov::String("high"));
+  EXPECT_EQ(high->taskPriority(), Pell::TaskPriority(5));
+  EXPECT_EQ(high->taskScheduler(), root_);
+
+  const Pell::Nanoseconds start = root_->now();
+  late->scheduleTaskLowestDelay(0.02);
+  for (auto* task : {&lowA, &high, &lowB, &highB}) (*task)->scheduleTaskLowestDelay(0.01);
+  EXPECT_EQ(root_->nextDue(), start + 10 * kMs);
+  root_->advance(20 * kMs);
+  EXPECT_THAT(log_, ElementsAre("high", "highB", "lowA", "lowB", "late"));
+  EXPECT_EQ(root_->now(), start + 20 * kMs);
+  EXPECT_FALSE(late->armed());
+  EXPECT_EQ(late->runs(), 1u);
+}
+
+TEST_F(PellTest, LowestDelayWinsAndAdvanceIsInclusive) {
+  auto task = taskIs(3, "refresh");
+  const Pell::Nanoseconds start = root_->now();
+  task->scheduleTaskLowestDelay(0.05);
+  task->scheduleTaskLowestDelay(0.01);
+  task->scheduleTaskLowestDelay(0.03);
+  EXPECT_EQ(task->due(), start + 10 * kMs);
+  EXPECT_EQ(root_->armedTasks(), 1u);
+
+  root_->advance(10 * kMs - 1);
+  EXPECT_TRUE(log_.empty());
+  root_->advance(1);
+  EXPECT_THAT(log_, ElementsAre("refresh"));
+  root_->advance(100 * kMs);
+  EXPECT_EQ(log_.size(), 1u) << "a run leaves the task idle";
+
+  // Stopping disarms; stopping an idle task is harmless.
+  task->scheduleTaskLowestDelay(0.01);
+  task->stopTimerTask();
+  task->stopTimerTask();
+  EXPECT_FALSE(task->armed());
+  EXPECT_TRUE(root_->settle());
+  EXPECT_EQ(log_.size(), 1u);
+
+  // Destroying an armed task disarms it.
+  task->scheduleTaskLowestDelay(0.01);
+  tasks_.clear();
+  task = nullptr;
+  EXPECT_EQ(root_->armedTasks(), 0u);
+}
+
+TEST_F(PellTest, ReArmFromTheRunAndSettle) {
+  Zov::Ptr<Pell::TimerTask> task;
+  int rearms = 2;
+  task = taskIs(3, "again", [&] {
+    if (rearms-- > 0) task->scheduleTaskLowestDelay(0.01);
+  });
+  const Pell::Nanoseconds start = root_->now();
+  task->scheduleTaskLowestDelay(0.01);
+  EXPECT_TRUE(root_->settle());
+  EXPECT_EQ(task->runs(), 3u);
+  EXPECT_EQ(root_->now(), start + 30 * kMs);
+
+  // A task that always re-arms makes settle give up, leaving it armed.
+  auto forever = taskIs(3, "forever");
+  forever->scheduleTaskLowestDelay(0);
+  tasks_.back().second->hook_ = [&](Zov::AttributeId, const void*) {
+    forever->scheduleTaskLowestDelay(0);
+  };
+  EXPECT_FALSE(root_->settle(5));
+  EXPECT_EQ(forever->runs(), 5u);
+  EXPECT_TRUE(forever->armed());
+  forever->stopTimerTask();
+  task = nullptr;
+}
+
+TEST_F(PellTest, ExceptionFromARunPropagatesAndTheLoopGoesOn) {
+  auto thrower = taskIs(9, "thrower", [] { throw std::runtime_error("run failed"); });
+  auto after = taskIs(1, "after");
+  auto later = taskIs(1, "later");
+  const Pell::Nanoseconds start = root_->now();
+  thrower->scheduleTaskLowestDelay(0.01);
+  after->scheduleTaskLowestDelay(0.01);
+  later->scheduleTaskLowestDelay(0.02);
+
+  EXPECT_THROW(root_->advance(50 * kMs), std::runtime_error);
+  EXPECT_EQ(root_->now(), start + 10 * kMs);
+  EXPECT_FALSE(thrower->armed());
+
+  root_->advance(50 * kMs);
+  EXPECT_THAT(log_, ElementsAre("thrower", "after", "later"));
+}
+
+// The only test on real time: it proves that arming on the wall clock counts
+// from the real present, even when the loop has not run for a while.
+TEST_F(PellTest, WallClockArmsFromTheRealPresent) {
+  root_->wallClockIs(true);
+  const Pell::Nanoseconds start = root_->now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  auto task = taskIs(3, "real");
+  task->scheduleTaskLowestDelay(0.01);
+  EXPECT_GE(task->due(), start + 15 * kMs);
+  task->stopTimerTask();
+  root_->wallClockIs(false);
+  EXPECT_GE(root_->now(), start + 5 * kMs) << "leaving the wall clock must not turn time back";
+}
+
+}  // namespace

@@ -1,0 +1,181 @@
+// Scenario: the language in which `acl-agent` is driven, turned into typed
+// commands.
+//
+// A scenario is one command a line. `parseScenario` reads a whole file before
+// any of it runs: it yields every command with its line number, or, when any
+// line does not parse, every error and no commands. `parseLine` reads one line
+// the same way, for the interactive mode.
+//
+//   ParsedScenario parsed = parseScenario(text, "startup.scn");
+//   if (!parsed.ok()) {
+//     for (const ParseError& e : parsed.errors) std::cerr << e.text() << '\n';
+//     return 2;
+//   }
+//   for (const Command& c : parsed.commands) std::visit(runner, c.args);
+//
+// Lexical rules:
+// - Tokens are separated by white space. A token is bare (a run of non-white
+//   characters) or a double-quoted string with the escapes \" \\ \n \t \xHH;
+//   "" is the empty name. A quote inside a bare token is an error, and so is
+//   anything but white space after a closing quote, except a link index.
+// - `#` at the start of a token (first on the line or after white space)
+//   starts a comment that runs to the end of the line. A `#` inside a bare
+//   token or inside quotes is text: `link set Ethernet1#2 1` names link 2 of
+//   Ethernet1, `intf set "a #b" red` the interface "a #b".
+// - A link is INTF or INTF#N. In a bare token the last `#` separates the index;
+//   a quoted interface name takes the index right after its closing quote
+//   ("Ethernet 1"#2). Interface names that contain `#` must be quoted.
+// - `echo` prints the rest of its line as written, from the character after
+//   the first separator: spacing and quotes are kept, escapes are not decoded.
+//   A comment on an echo line is dropped by the same rule (a `#` starting a
+//   word outside quotes), together with the white space before it.
+// - Numbers are unsigned decimals. Durations are a decimal number (with an
+//   optional fraction) and a unit, ns, us, ms or s, rounded to the nearest
+//   nanosecond.
+// Names are kept as the raw bytes written: a VRF name over 100 bytes parses,
+// and is refused when the command runs.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "agent/StateDatabase.h"
+
+namespace AclAgent {
+
+// The commands, one struct each.
+struct GatewayEnabledCmd {
+  bool enabled;
+  friend bool operator==(const GatewayEnabledCmd&, const GatewayEnabledCmd&) = default;
+};
+struct GatewaySettingCmd {
+  std::uint16_t setting;
+  friend bool operator==(const GatewaySettingCmd&, const GatewaySettingCmd&) = default;
+};
+struct LinkSetCmd {
+  LinkName link;
+  std::uint8_t state;
+  friend bool operator==(const LinkSetCmd&, const LinkSetCmd&) = default;
+};
+struct LinkReplaceCmd {
+  LinkName link;
+  std::uint8_t state;
+  friend bool operator==(const LinkReplaceCmd&, const LinkReplaceCmd&) = default;
+};
+struct LinkDelCmd {
+  LinkName link;
+  friend bool operator==(const LinkDelCmd&, const LinkDelCmd&) = default;
+};
+struct IntfSetCmd {
+  std::string intf;
+  std::string vrf;
+  friend bool operator==(const IntfSetCmd&, const IntfSetCmd&) = default;
+};
+struct IntfReplaceCmd {
+  std::string intf;
+  std::string vrf;
+  friend bool operator==(const IntfReplaceCmd&, const IntfReplaceCmd&) = default;
+};
+struct IntfDelCmd {
+  std::string intf;
+  friend bool operator==(const IntfDelCmd&, const IntfDelCmd&) = default;
+};
+struct VrfAddCmd {
+  VrfView view;
+  std::string name;
+  friend bool operator==(const VrfAddCmd&, const VrfAddCmd&) = default;
+};
+struct VrfDelCmd {
+  VrfView view;
+  std::string name;
+  friend bool operator==(const VrfDelCmd&, const VrfDelCmd&) = default;
+};
+struct OmitCmd {
+  StatePath path;
+  friend bool operator==(const OmitCmd&, const OmitCmd&) = default;
+};
+struct RecreateCmd {
+  StatePath path;
+  friend bool operator==(const RecreateCmd&, const RecreateCmd&) = default;
+};
+struct LoadCmd {
+  friend bool operator==(const LoadCmd&, const LoadCmd&) = default;
+};
+struct UnloadCmd {
+  friend bool operator==(const UnloadCmd&, const UnloadCmd&) = default;
+};
+struct RemountCmd {
+  Korvel::MountStatus status;
+  friend bool operator==(const RemountCmd&, const RemountCmd&) = default;
+};
+struct AdvanceCmd {
+  std::int64_t nanoseconds;
+  friend bool operator==(const AdvanceCmd&, const AdvanceCmd&) = default;
+};
+struct SettleCmd {
+  friend bool operator==(const SettleCmd&, const SettleCmd&) = default;
+};
+struct EchoCmd {
+  std::string text;
+  friend bool operator==(const EchoCmd&, const EchoCmd&) = default;
+};
+
+// What `show` asks for. To add one, add a value here and its word to the
+// table in Scenario.cpp.
+enum class ShowWhat : std::uint8_t { kCalls, kRules, kIptables, kState, kSm, kTypes };
+struct ShowCmd {
+  ShowWhat what;
+  friend bool operator==(const ShowCmd&, const ShowCmd&) = default;
+};
+// The word that names `what` in a scenario.
+std::string_view showWord(ShowWhat what);
+// Every show word, for help texts: "calls, rules, ...".
+std::string showWordList();
+
+using CommandArgs =
+    std::variant<GatewayEnabledCmd, GatewaySettingCmd, LinkSetCmd, LinkReplaceCmd, LinkDelCmd,
+                 IntfSetCmd, IntfReplaceCmd, IntfDelCmd, VrfAddCmd, VrfDelCmd, OmitCmd, RecreateCmd,
+                 LoadCmd, UnloadCmd, RemountCmd, AdvanceCmd, SettleCmd, EchoCmd, ShowCmd>;
+
+struct Command {
+  unsigned line = 0;  // 1-based line in its file
+  CommandArgs args;
+  friend bool operator==(const Command&, const Command&) = default;
+};
+
+struct ParseError {
+  std::string file;  // "-" for standard input
+  unsigned line = 0;
+  std::string message;
+
+  // "FILE:LINE: error: MESSAGE".
+  std::string text() const;
+};
+
+struct ParsedScenario {
+  std::vector<Command> commands;  // empty when there are errors
+  std::vector<ParseError> errors;
+  bool ok() const { return errors.empty(); }
+};
+
+// Parses a whole scenario. Lines end in "\n" (a "\r" before it is dropped);
+// a last line without one counts as well.
+ParsedScenario parseScenario(std::string_view text, const std::string& file);
+
+// One line of a scenario: a command, nothing (blank or comment) or an error.
+struct ParsedLine {
+  std::optional<Command> command;
+  std::optional<ParseError> error;
+};
+ParsedLine parseLine(std::string_view line, const std::string& file, unsigned lineNumber);
+
+// `text` double-quoted with the language's escapes: \" \\ \n \t, and \xHH for
+// every other byte outside printable ASCII. `parseLine` reads it back as
+// `text`.
+std::string quoteName(std::string_view text);
+
+}  // namespace AclAgent

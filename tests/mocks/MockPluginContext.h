@@ -1,22 +1,82 @@
-// A GoogleMock of the ACL agent's plugin context, for the plugin's tests.
-// It is a counted object: create it with `new` and hold it in a `Zov::Ptr`.
+// A GoogleMock of the ACL agent's plugin context, for tests of what a plugin
+// tells the agent.
+//
+// It is a counted object: create it with `new` and hold it in a `Zov::Ptr`,
+// as the agent's own context is held.
+//
+//   Zov::Ptr<testing::StrictMock<MockPluginContext>> context(
+//       new testing::StrictMock<MockPluginContext>());
+//   EXPECT_CALL(*context, finishRegistration(_, _, L3::VrfName("red"), Zov::String("INPUT")));
+//
+// The `PrintTo` overloads below make GoogleMock show texts, VRF names,
+// unique ids and the enums readably (texts quoted, with C escapes) when an
+// expectation fails.
 #pragma once
 
 #include <gmock/gmock.h>
 
+#include <cstdio>
 #include <ostream>
+#include <string_view>
 
 #include "platform/Acl.h"
 
+namespace MockPrinting {
+// `text` double-quoted, with \" \\ \n \t and \xHH for other non-printable
+// bytes, so that a rule text's trailing newline shows in a failure message.
+inline void printQuoted(std::string_view text, std::ostream* os) {
+  *os << '"';
+  for (char c : text) {
+    switch (c) {
+      case '"':
+        *os << "\\\"";
+        break;
+      case '\\':
+        *os << "\\\\";
+        break;
+      case '\n':
+        *os << "\\n";
+        break;
+      case '\t':
+        *os << "\\t";
+        break;
+      default:
+        if (c >= ' ' && c < 0x7f) {
+          *os << c;
+        } else {
+          char hex[8];
+          std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+          *os << hex;
+        }
+    }
+  }
+  *os << '"';
+}
+}  // namespace MockPrinting
+
 namespace Zov {
-inline void PrintTo(const String& s, std::ostream* os) { *os << '"' << s.view() << '"'; }
+inline void PrintTo(const String& s, std::ostream* os) {
+  MockPrinting::printQuoted(s.view(), os);
+}
 }  // namespace Zov
 
 namespace L3 {
-inline void PrintTo(const VrfName& s, std::ostream* os) { *os << '"' << s.view() << '"'; }
+inline void PrintTo(const VrfName& s, std::ostream* os) {
+  MockPrinting::printQuoted(s.view(), os);
+}
 }  // namespace L3
 
 namespace Acl {
+// The enums are one byte wide; without these they print as raw bytes.
+inline void PrintTo(IptablesType v, std::ostream* os) {
+  *os << "ipt=" << static_cast<unsigned>(v);
+}
+inline void PrintTo(AclType v, std::ostream* os) {
+  *os << "acl=" << static_cast<unsigned>(v);
+}
+inline void PrintTo(AclDirection v, std::ostream* os) {
+  *os << "dir=" << static_cast<unsigned>(v);
+}
 inline void PrintTo(const UniqueId& id, std::ostream* os) {
   *os << "UniqueId(" << id.word0() << ", " << id.word1() << ")";
 }
@@ -26,13 +86,13 @@ class MockPluginContext : public Acl::PluginContext {
  public:
   MOCK_METHOD(Zov::Ptr<Korvel::EntityManager>, entityManager, (), (const, override));
   MOCK_METHOD(void, registerChainRule,
-              (Acl::IptablesType, Acl::AclType, L3::VrfName, Acl::AclDirection,
-               const Zov::String&, const Zov::String&, unsigned int, const Zov::String&,
-               const Zov::String&, const Zov::String&, bool, const Acl::UniqueId&),
+              (Acl::IptablesType, Acl::AclType, L3::VrfName, Acl::AclDirection, const Zov::String&,
+               const Zov::String&, unsigned int, const Zov::String&, const Zov::String&,
+               const Zov::String&, bool, const Acl::UniqueId&),
               (override));
   MOCK_METHOD(void, unregisterChainRule,
-              (Acl::IptablesType, Acl::AclType, L3::VrfName, Acl::AclDirection,
-               const Zov::String&, const Zov::String&, unsigned int),
+              (Acl::IptablesType, Acl::AclType, L3::VrfName, Acl::AclDirection, const Zov::String&,
+               const Zov::String&, unsigned int),
               (override));
   MOCK_METHOD(void, finishRegistration,
               (Acl::IptablesType, Acl::AclType, L3::VrfName, const Zov::String&), (override));

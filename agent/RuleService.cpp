@@ -1,0 +1,232 @@
+#include "agent/RuleService.h"
+
+#include <string_view>
+#include <utility>
+
+#include "agent/Scenario.h"
+
+namespace AclAgent {
+namespace {
+
+unsigned number(Acl::IptablesType v) {
+  return static_cast<unsigned>(v);
+}
+unsigned number(Acl::AclType v) {
+  return static_cast<unsigned>(v);
+}
+unsigned number(Acl::AclDirection v) {
+  return static_cast<unsigned>(v);
+}
+
+// The text shared by every line that names a whole rule key.
+std::string keyFields(const RuleKey& key) {
+  return "ipt=" + std::to_string(number(key.iptablesType)) +
+         " acl=" + std::to_string(number(key.aclType)) + " vrf=" + quoteName(key.vrf.view()) +
+         " dir=" + std::to_string(number(key.direction)) + " chain=" + quoteName(key.chain.view()) +
+         " owner=" + quoteName(key.owner.view()) + " seq=" + std::to_string(key.sequence);
+}
+
+bool isControl(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 0x20 || byte == 0x7f;
+}
+
+// Chains every filter table has; any other must be declared before use.
+bool isBuiltinChain(std::string_view chain) {
+  return chain == "INPUT" || chain == "FORWARD" || chain == "OUTPUT";
+}
+
+// Why `chain` cannot be named on a restore line, or null when it can.
+const char* chainFault(std::string_view chain) {
+  if (chain.empty()) return "the chain name is empty";
+  for (char c : chain) {
+    if (c == ' ' || isControl(c)) return "the chain name holds white space or control bytes";
+  }
+  return nullptr;
+}
+
+// Why `text` (its one trailing newline already taken off) cannot stand as the
+// rest of one restore line, or null when it can. A tab separates words there
+// like a space does.
+const char* textFault(std::string_view text) {
+  for (char c : text) {
+    if (c == '\n') return "the rule text has a line break before its end";
+    if (c != '\t' && isControl(c)) return "the rule text holds control bytes";
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+RuleService::RuleService(Zov::Ptr<Korvel::EntityManager> entityManager)
+    : entityManager_(std::move(entityManager)) {}
+
+void RuleService::registerChainRule(Acl::IptablesType iptablesType, Acl::AclType aclType,
+                                    L3::VrfName vrf, Acl::AclDirection direction,
+                                    const Zov::String& chain, const Zov::String& owner,
+                                    unsigned int sequence, const Zov::String& rule,
+                                    const Zov::String& text2, const Zov::String& text3, bool flag,
+                                    const Acl::UniqueId& uniqueId) {
+  RuleCall call{RuleCall::Kind::kRegister,
+                RuleKey{iptablesType, aclType, std::move(vrf), direction, chain, owner, sequence},
+                Rule{rule, text2, text3, flag, uniqueId}};
+  stage(call.key, call.rule);
+  logCall(std::move(call));
+}
+
+void RuleService::unregisterChainRule(Acl::IptablesType iptablesType, Acl::AclType aclType,
+                                      L3::VrfName vrf, Acl::AclDirection direction,
+                                      const Zov::String& chain, const Zov::String& owner,
+                                      unsigned int sequence) {
+  RuleCall call{RuleCall::Kind::kUnregister,
+                RuleKey{iptablesType, aclType, std::move(vrf), direction, chain, owner, sequence},
+                Rule{}};
+  stage(call.key, std::nullopt);
+  logCall(std::move(call));
+}
+
+void RuleService::finishRegistration(Acl::IptablesType iptablesType, Acl::AclType aclType,
+                                     L3::VrfName vrf, const Zov::String& chain) {
+  auto batch = batches_.find(BatchKey{iptablesType, aclType, vrf, chain});
+  if (batch != batches_.end()) {
+    for (auto& [key, rule] : batch->second) {
+      if (rule) {
+        rules_.insert_or_assign(key, std::move(*rule));
+      } else {
+        rules_.erase(key);
+      }
+    }
+    batches_.erase(batch);
+  }
+  ++finishes_[vrf];
+  RuleCall call;
+  call.kind = RuleCall::Kind::kFinish;
+  call.key.iptablesType = iptablesType;
+  call.key.aclType = aclType;
+  call.key.vrf = std::move(vrf);
+  call.key.chain = chain;
+  logCall(std::move(call));
+}
+
+void RuleService::stage(const RuleKey& key, std::optional<Rule> rule) {
+  // A batch holds one operation per key: a later one on the same key replaces
+  // the earlier, which is what applying them in call order would leave.
+  batches_[BatchKey{key.iptablesType, key.aclType, key.vrf, key.chain}].insert_or_assign(
+      key, std::move(rule));
+}
+
+void RuleService::logCall(RuleCall call) {
+  ++calls_;
+  if (callLog_) log_.push_back(std::move(call));
+}
+
+std::uint64_t RuleService::finishes(const L3::VrfName& vrf) const {
+  auto it = finishes_.find(vrf);
+  return it == finishes_.end() ? 0 : it->second;
+}
+
+std::size_t RuleService::stagedOperations() const {
+  std::size_t staged = 0;
+  for (const auto& [key, batch] : batches_) staged += batch.size();
+  return staged;
+}
+
+void RuleService::callLogIs(bool enabled) {
+  if (enabled == callLog_) return;
+  callLog_ = enabled;
+  if (!enabled) log_.clear();
+}
+
+std::string RuleService::renderCalls() {
+  if (log_.empty()) return "no calls\n";
+  std::string out;
+  for (const RuleCall& call : log_) {
+    switch (call.kind) {
+      case RuleCall::Kind::kRegister:
+        out += "register " + keyFields(call.key) + " rule=" + quoteName(call.rule.text.view()) +
+               " text2=" + quoteName(call.rule.text2.view()) +
+               " text3=" + quoteName(call.rule.text3.view()) +
+               " flag=" + (call.rule.flag ? "true" : "false") + "\n";
+        break;
+      case RuleCall::Kind::kUnregister:
+        out += "unregister " + keyFields(call.key) + "\n";
+        break;
+      case RuleCall::Kind::kFinish:
+        out += "finish ipt=" + std::to_string(number(call.key.iptablesType)) +
+               " acl=" + std::to_string(number(call.key.aclType)) +
+               " vrf=" + quoteName(call.key.vrf.view()) +
+               " chain=" + quoteName(call.key.chain.view()) + "\n";
+        break;
+    }
+  }
+  log_.clear();
+  return out;
+}
+
+std::string RuleService::renderRules() const {
+  if (rules_.empty()) return "no rules\n";
+  std::string out;
+  for (const auto& [key, rule] : rules_) {
+    out += "rule " + keyFields(key) + " rule=" + quoteName(rule.text.view()) + "\n";
+  }
+  return out;
+}
+
+std::string RuleService::renderIptables() const {
+  // The standing rules again, in output order: VRF, table (ipt, acl), chain,
+  // then owner, sequence number and direction within the chain.
+  using Placement = std::tuple<L3::VrfName, Acl::IptablesType, Acl::AclType, Zov::String,
+                               Zov::String, unsigned int, Acl::AclDirection>;
+  std::map<Placement, std::pair<const RuleKey*, const Rule*>> placed;
+  for (const auto& [key, rule] : rules_) {
+    placed.emplace(Placement{key.vrf, key.iptablesType, key.aclType, key.chain, key.owner,
+                             key.sequence, key.direction},
+                   std::pair{&key, &rule});
+  }
+
+  std::string out;
+  const RuleKey* block = nullptr;  // the first rule of the open block
+  const RuleKey* chain = nullptr;  // the first rule of the current chain
+  auto closeBlock = [&] {
+    if (block) out += "COMMIT\n";
+  };
+  for (const auto& [placement, entry] : placed) {
+    const auto& [key, rule] = entry;
+    if (!block || block->vrf != key->vrf || block->iptablesType != key->iptablesType ||
+        block->aclType != key->aclType) {
+      closeBlock();
+      block = key;
+      chain = nullptr;
+      out += "# vrf " + quoteName(key->vrf.view());
+      if (key->iptablesType != Acl::IptablesType::kIptables ||
+          key->aclType != Acl::AclType::kControlPlane) {
+        out += " ipt=" + std::to_string(number(key->iptablesType)) +
+               " acl=" + std::to_string(number(key->aclType));
+      }
+      out += "\n*filter\n";
+    }
+    const std::string_view chainName = key->chain.view();
+    const char* fault = chainFault(chainName);
+    const bool newChain = !chain || chain->chain != key->chain;
+    chain = key;
+    if (newChain && !fault && !isBuiltinChain(chainName)) {
+      out += ":" + std::string(chainName) + " - [0:0]\n";
+    }
+
+    std::string_view text = rule->text.view();
+    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    if (!fault) fault = textFault(text);
+    if (fault) {
+      out += "# not restorable: " + keyFields(*key) + " rule=" + quoteName(rule->text.view()) +
+             " (" + fault + ")\n";
+      continue;
+    }
+    out += "-A " + std::string(chainName);
+    if (!text.empty()) out += " " + std::string(text);
+    out += "\n";
+  }
+  closeBlock();
+  return out;
+}
+
+}  // namespace AclAgent

@@ -13,7 +13,7 @@ struct ShowEntry {
 // Every show word; the one place to extend.
 constexpr ShowEntry kShowWords[] = {
     {ShowWhat::kCalls, "calls"}, {ShowWhat::kRules, "rules"}, {ShowWhat::kIptables, "iptables"},
-    {ShowWhat::kState, "state"}, {ShowWhat::kSm, "sm"},       {ShowWhat::kTypes, "types"},
+    {ShowWhat::kState, "state"}, {ShowWhat::kTypes, "types"},
 };
 
 // Raised inside the parser; becomes a `ParseError` for the line.
@@ -416,6 +416,11 @@ CommandArgs parseCommand(const std::vector<Token>& tokens) {
     result = AdvanceCmd{parseDuration(args.word("duration"))};
   } else if (name == "settle") {
     result = SettleCmd{};
+  } else if (name == "clear") {
+    if (!args.more()) throw SyntaxError{"missing what to clear (expected calls)"};
+    const std::string& word = args.word("what to clear");
+    if (word != "calls") throw SyntaxError{"cannot clear " + quoteName(word) + " (expected calls)"};
+    result = ClearCallsCmd{};
   } else if (name == "show") {
     const std::string expected = " (expected " + showWordList() + ")";
     if (!args.more()) throw SyntaxError{"missing show word" + expected};

@@ -124,9 +124,15 @@ struct EchoCmd {
   friend bool operator==(const EchoCmd&, const EchoCmd&) = default;
 };
 
+// `clear calls`: sets the calls made so far aside without printing them, so
+// that the next `show calls` shows only what follows.
+struct ClearCallsCmd {
+  friend bool operator==(const ClearCallsCmd&, const ClearCallsCmd&) = default;
+};
+
 // What `show` asks for. To add one, add a value here and its word to the
 // table in Scenario.cpp.
-enum class ShowWhat : std::uint8_t { kCalls, kRules, kIptables, kState, kSm, kTypes };
+enum class ShowWhat : std::uint8_t { kCalls, kRules, kIptables, kState, kTypes };
 struct ShowCmd {
   ShowWhat what;
   friend bool operator==(const ShowCmd&, const ShowCmd&) = default;
@@ -136,10 +142,10 @@ std::string_view showWord(ShowWhat what);
 // Every show word, for help texts: "calls, rules, ...".
 std::string showWordList();
 
-using CommandArgs =
-    std::variant<GatewayEnabledCmd, GatewaySettingCmd, LinkSetCmd, LinkReplaceCmd, LinkDelCmd,
-                 IntfSetCmd, IntfReplaceCmd, IntfDelCmd, VrfAddCmd, VrfDelCmd, OmitCmd, RecreateCmd,
-                 LoadCmd, UnloadCmd, RemountCmd, AdvanceCmd, SettleCmd, EchoCmd, ShowCmd>;
+using CommandArgs = std::variant<GatewayEnabledCmd, GatewaySettingCmd, LinkSetCmd, LinkReplaceCmd,
+                                 LinkDelCmd, IntfSetCmd, IntfReplaceCmd, IntfDelCmd, VrfAddCmd,
+                                 VrfDelCmd, OmitCmd, RecreateCmd, LoadCmd, UnloadCmd, RemountCmd,
+                                 AdvanceCmd, SettleCmd, EchoCmd, ShowCmd, ClearCallsCmd>;
 
 struct Command {
   unsigned line = 0;  // 1-based line in its file

@@ -55,11 +55,11 @@ TEST(ScenarioParserTest, EveryCommand) {
       {"remount failed", RemountCmd{MountStatus::kFailed}},
       {"advance 10ms", AdvanceCmd{10'000'000}},
       {"settle", SettleCmd{}},
+      {"clear calls", ClearCallsCmd{}},
       {"show calls", ShowCmd{ShowWhat::kCalls}},
       {"show rules", ShowCmd{ShowWhat::kRules}},
       {"show iptables", ShowCmd{ShowWhat::kIptables}},
       {"show state", ShowCmd{ShowWhat::kState}},
-      {"show sm", ShowCmd{ShowWhat::kSm}},
       {"show types", ShowCmd{ShowWhat::kTypes}},
       {"  \tlink\t set  a   7  ", LinkSetCmd{{"a", 0}, 7}},
   };

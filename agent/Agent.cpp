@@ -1,0 +1,109 @@
+#include "agent/Agent.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace AclAgent {
+
+namespace {
+template <class... Visit>
+struct Overloaded : Visit... {
+  using Visit::operator()...;
+};
+}  // namespace
+
+Agent::Agent(std::vector<std::string> pluginPaths)
+    : pluginPaths_(std::move(pluginPaths)),
+      scheduler_(Pell::TaskSchedulerRoot::findOrCreateScheduler()),
+      rules_(new RuleService(db_.entityManager())) {}
+
+Agent::~Agent() {
+  try {
+    host_.unloadAll();
+  } catch (const std::exception&) {
+    // An object that stays mapped at exit is of no consequence any more.
+  }
+}
+
+void Agent::load() {
+  if (!host_.loaded()) {
+    for (const std::string& path : pluginPaths_) host_.load(path);
+  }
+  db_.loadedIs(true);
+  host_.runInitCallers(rules_.ptr());
+}
+
+void Agent::unload() {
+  host_.unloadAll();
+  db_.loadedIs(false);
+}
+
+std::string Agent::typesText() const {
+  std::ostringstream text;
+  for (const Zov::ZovModule* module : Zov::zovModules()) {
+    text << "module " << module->name << "\n";
+    for (std::size_t i = 0; i < module->types.size(); ++i) {
+      const Zov::ZovTypeInfo& type = module->types[i];
+      const Zov::AllocTrackTypeInfo* record = Zov::AllocTrackTypeInfo::find(type.name);
+      text << "  type " << i << " " << type.name << " live=" << (record ? record->liveObjects() : 0)
+           << "\n";
+      for (const Zov::AttributeInfo& attribute : type.attributes) {
+        text << "    " << attribute.id << " " << attribute.name << "\n";
+      }
+    }
+  }
+  if (text.str().empty()) return "no types\n";
+  return text.str();
+}
+
+void Agent::show(ShowWhat what, std::ostream& out) {
+  switch (what) {
+    case ShowWhat::kCalls:
+      out << rules_->renderCalls();
+      return;
+    case ShowWhat::kRules:
+      out << rules_->renderRules();
+      return;
+    case ShowWhat::kIptables:
+      out << rules_->renderIptables();
+      return;
+    case ShowWhat::kState:
+      out << db_.stateText();
+      return;
+    case ShowWhat::kTypes:
+      out << typesText();
+      return;
+  }
+}
+
+void Agent::run(const Command& command, std::ostream& out) {
+  std::visit(Overloaded{
+                 [&](const GatewayEnabledCmd& c) { db_.gatewayEnabledIs(c.enabled); },
+                 [&](const GatewaySettingCmd& c) { db_.gatewaySettingIs(c.setting); },
+                 [&](const LinkSetCmd& c) { db_.linkStateIs(c.link, c.state); },
+                 [&](const LinkReplaceCmd& c) { db_.linkStatusIs(c.link, c.state); },
+                 [&](const LinkDelCmd& c) { db_.linkStatusDel(c.link); },
+                 [&](const IntfSetCmd& c) { db_.intfVrfIs(c.intf, c.vrf); },
+                 [&](const IntfReplaceCmd& c) { db_.intfStatusIs(c.intf, c.vrf); },
+                 [&](const IntfDelCmd& c) { db_.intfStatusDel(c.intf); },
+                 [&](const VrfAddCmd& c) { db_.vrfIs(c.view, c.name); },
+                 [&](const VrfDelCmd& c) { db_.vrfDel(c.view, c.name); },
+                 [&](const OmitCmd& c) { db_.entityDel(c.path); },
+                 [&](const RecreateCmd& c) { db_.entityCopyIs(c.path); },
+                 [&](const LoadCmd&) { load(); },
+                 [&](const UnloadCmd&) { unload(); },
+                 [&](const RemountCmd& c) { db_.entityManager()->mountsCompleteIs(c.status); },
+                 [&](const AdvanceCmd& c) { scheduler_->advance(c.nanoseconds); },
+                 [&](const SettleCmd&) {
+                   if (!scheduler_->settle()) {
+                     throw std::runtime_error("settle gave up: a task keeps arming itself");
+                   }
+                 },
+                 [&](const EchoCmd& c) { out << c.text << "\n"; },
+                 [&](const ShowCmd& c) { show(c.what, out); },
+                 [&](const ClearCallsCmd&) { rules_->renderCalls(); },
+             },
+             command.args);
+}
+
+}  // namespace AclAgent

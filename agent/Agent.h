@@ -1,0 +1,56 @@
+// Agent: the reference ACL agent that `acl-agent` runs. It owns the event
+// loop, the state database with the published entities, the rule service
+// that plugins talk to, and the plugin host; `run` carries out one scenario
+// command against them.
+//
+//   AclAgent::Agent agent({"/path/McastDnsAclPlugin.so"});
+//   agent.run(command, std::cout);   // raises on a command that fails
+//
+// A command that fails raises an exception whose text says what went wrong;
+// what the command did before it failed stands. `PluginLoadError` means a
+// plugin could not be loaded at all, which ends a scenario.
+//
+// Threading: the event thread only.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "agent/PluginHost.h"
+#include "agent/RuleService.h"
+#include "agent/Scenario.h"
+#include "agent/StateDatabase.h"
+#include "platform/Pell.h"
+
+namespace AclAgent {
+
+class Agent {
+ public:
+  explicit Agent(std::vector<std::string> pluginPaths);
+  // Unloads the plugins before the services they hold go.
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // Carries out `command`, writing what it prints to `out`.
+  void run(const Command& command, std::ostream& out);
+
+  StateDatabase& stateDatabase() { return db_; }
+  RuleService& ruleService() { return *rules_; }
+  PluginHost& pluginHost() { return host_; }
+
+ private:
+  void load();
+  void unload();
+  void show(ShowWhat what, std::ostream& out);
+  std::string typesText() const;
+
+  std::vector<std::string> pluginPaths_;
+  Zov::Ptr<Pell::TaskSchedulerRoot> scheduler_;
+  StateDatabase db_;
+  Zov::Ptr<RuleService> rules_;
+  PluginHost host_;
+};
+
+}  // namespace AclAgent

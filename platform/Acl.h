@@ -12,11 +12,17 @@
 // same text again under a key leaves one rule; withdrawing a key that holds
 // no rule is harmless.
 //
+// Plugins find the agent through its default plugin loader,
+// `DefaultPluginLoader()`, a `Plugin::Loader<PluginContext>` of kind "Acl"
+// and version "1": they register with it when their shared object loads, and
+// the agent starts them with its context through it.
+//
 // Threading: every call comes from the agent's event thread, synchronously.
 #pragma once
 
 #include "platform/Korvel.h"
 #include "platform/L3.h"
+#include "platform/Plugin.h"
 #include "platform/Zov.h"
 
 namespace Acl {
@@ -68,8 +74,7 @@ class PluginContext : public Zov::PtrInterface {
                                  AclDirection direction, const Zov::String& chain,
                                  const Zov::String& owner, unsigned int sequence,
                                  const Zov::String& rule, const Zov::String& text2,
-                                 const Zov::String& text3, bool flag,
-                                 const UniqueId& uniqueId) = 0;
+                                 const Zov::String& text3, bool flag, const UniqueId& uniqueId) = 0;
   // Asks that no rule stand under the rule key once the batch is finished.
   virtual void unregisterChainRule(IptablesType iptablesType, AclType aclType, L3::VrfName vrf,
                                    AclDirection direction, const Zov::String& chain,
@@ -80,4 +85,17 @@ class PluginContext : public Zov::PtrInterface {
                                   const Zov::String& chain) = 0;
 };
 
+// The identity of the agent's plugin loader: the kind of plugins it starts
+// and the version of the interface it offers them (this header). A plugin
+// passes both back when it registers; a plugin built against another version
+// is refused.
+inline constexpr const char* kPluginLoaderKind = "Acl";
+inline constexpr const char* kPluginLoaderVersion = "1";
+
+// The agent's plugin loader: created on first use, never destroyed.
+Plugin::Loader<PluginContext>* DefaultPluginLoader();
+
 }  // namespace Acl
+
+extern template class Plugin::Loader<Acl::PluginContext>;
+extern template class Plugin::PluginBase<Acl::PluginContext>;

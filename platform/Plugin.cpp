@@ -25,12 +25,13 @@ LoaderImpl::LoaderImpl(std::string kind, std::string version)
   liveLoaders().push_back(this);
 }
 
-LoaderImpl::~LoaderImpl() { std::erase(liveLoaders(), this); }
+LoaderImpl::~LoaderImpl() {
+  std::erase(liveLoaders(), this);
+}
 
 void LoaderImpl::registerPlugin(const std::string& loaderKind, const std::string& name,
-                                const std::string& loaderVersion,
-                                const std::string& pluginVersion, const std::string& description,
-                                LoaderInitCaller* initCaller) {
+                                const std::string& loaderVersion, const std::string& pluginVersion,
+                                const std::string& description, LoaderInitCaller* initCaller) {
   if (!initCaller) {
     throw std::invalid_argument("plugin \"" + name + "\" registered without an init caller");
   }
@@ -40,8 +41,9 @@ void LoaderImpl::registerPlugin(const std::string& loaderKind, const std::string
     if (l->kind_ == loaderKind && l->version_ == loaderVersion) loader = l;
   }
   if (!loader) {
-    throw std::invalid_argument("plugin \"" + name + "\" registered with no live loader of kind \"" +
-                                loaderKind + "\" and version \"" + loaderVersion + "\"");
+    throw std::invalid_argument("plugin \"" + name +
+                                "\" registered with no live loader of kind \"" + loaderKind +
+                                "\" and version \"" + loaderVersion + "\"");
   }
   if (loader->registration(initCaller)) return;
   loader->registrations_.push_back(

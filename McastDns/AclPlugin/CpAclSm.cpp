@@ -150,6 +150,12 @@ CpAclSm::~CpAclSm() {
   detach(zovL3IntfStatusDir_);
   detach(refreshAclsTask_);
   refreshAclsTaskDel();
+  // A watcher that someone else still holds outlives its collection: cut its
+  // link to this object before the object goes.
+  l3IntfStatusAclSm_.forEachMember(
+      [](const Zov::Ptr<L3IntfStatusAclSm>& watcher) { watcher->parentIs(nullptr); });
+  linkStatusAclSm_.forEachMember(
+      [](const Zov::Ptr<LinkStatusAclSm>& watcher) { watcher->parentIs(nullptr); });
   l3IntfStatusAclSm_.memberDelAll();
   linkStatusAclSm_.memberDelAll();
   linkStatusAclSm_.emptyAllBuckets();

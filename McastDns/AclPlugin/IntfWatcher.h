@@ -129,7 +129,9 @@ class IntfWatcher : public Zov::PtrInterface {
     const Entity* entity = reactor_ ? reactor_->entity() : nullptr;
     return entity ? Watch::keyOf(*entity) : Watch::emptyKey();
   }
+  // The owning state machine; null once it has gone.
   CpAclSm* parent() const { return parent_; }
+  void parentIs(CpAclSm* parent) { parent_ = parent; }
   bool initialized() const { return initialized_; }
   void initializedIs(bool initialized) { initialized_ = initialized; }
 
@@ -142,14 +144,14 @@ class IntfWatcher : public Zov::PtrInterface {
   // `handleState()` / `handleVrf()`: schedules a refresh while initialised.
   void handleChange() {
     MCASTDNS_TRACE(kTraceHandler, Watch::kChangeName) << Watch::kChangeText;
-    if (initialized_) parent_->handleLinkChange();
+    if (initialized_ && parent_) parent_->handleLinkChange();
   }
 
   // Announces that the watched entry has gone. The caller has already taken
   // the watcher out of its collection.
   void destroy() {
     MCASTDNS_TRACE(kTraceHandler, "destroy") << Watch::kDestroyText;
-    parent_->handleLinkChange();
+    if (parent_) parent_->handleLinkChange();
     initialized_ = false;
   }
 

@@ -26,6 +26,21 @@ constexpr Acl::AclType kAclType = Acl::AclType::kControlPlane;
 constexpr Acl::AclDirection kDirection = Acl::AclDirection::kIn;
 constexpr unsigned kMdnsSequence = 0;
 constexpr unsigned kGatewaySequence = 1;
+
+// Registers `rule` under sequence `sequence` in `vrf` when it is wanted and
+// withdraws it otherwise, then finishes that VRF's batch.
+void decideRule(Acl::PluginContext& context, const L3::VrfName& vrf, unsigned sequence,
+                const Zov::String& rule, bool wanted) {
+  const RuleKeyTexts& texts = ruleKeyTexts();
+  if (wanted) {
+    context.registerChainRule(kIptablesType, kAclType, vrf, kDirection, texts.chain, texts.owner,
+                              sequence, rule, texts.empty, texts.empty, false, Acl::UniqueId());
+  } else {
+    context.unregisterChainRule(kIptablesType, kAclType, vrf, kDirection, texts.chain, texts.owner,
+                                sequence);
+  }
+  context.finishRegistration(kIptablesType, kAclType, vrf, texts.chain);
+}
 }  // namespace
 
 void CpAclSm::handleRefreshAcls(bool force) {
@@ -54,31 +69,13 @@ void CpAclSm::handleRefreshAcls(bool force) {
   }
   vrfs.try_emplace(L3::VrfName::defaultVrf(), false);
 
-  const RuleKeyTexts& texts = ruleKeyTexts();
   if (Acl::PluginContext* context = context_.ptr()) {
     for (const auto& [vrf, needed] : vrfs) {
-      if (needed) {
-        context->registerChainRule(kIptablesType, kAclType, vrf, kDirection, texts.chain,
-                                   texts.owner, kMdnsSequence, mdnsIptRule_, texts.empty,
-                                   texts.empty, false, Acl::UniqueId());
-      } else {
-        context->unregisterChainRule(kIptablesType, kAclType, vrf, kDirection, texts.chain,
-                                     texts.owner, kMdnsSequence);
-      }
-      context->finishRegistration(kIptablesType, kAclType, vrf, texts.chain);
+      decideRule(*context, vrf, kMdnsSequence, mdnsIptRule_, needed);
     }
-
     const Config* config = zovMcastDnsConfig_ ? zovMcastDnsConfig_->entity() : nullptr;
-    const L3::VrfName defaultVrf = L3::VrfName::defaultVrf();
-    if (config && config->gatewayEnabled() && config->gatewaySetting() != 0) {
-      context->registerChainRule(kIptablesType, kAclType, defaultVrf, kDirection, texts.chain,
-                                 texts.owner, kGatewaySequence, mdnsGwIptRule_, texts.empty,
-                                 texts.empty, false, Acl::UniqueId());
-    } else {
-      context->unregisterChainRule(kIptablesType, kAclType, defaultVrf, kDirection, texts.chain,
-                                   texts.owner, kGatewaySequence);
-    }
-    context->finishRegistration(kIptablesType, kAclType, defaultVrf, texts.chain);
+    decideRule(*context, L3::VrfName::defaultVrf(), kGatewaySequence, mdnsGwIptRule_,
+               config && config->gatewayEnabled() && config->gatewaySetting() != 0);
   }
 
   if (force && refreshAclsTask_) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include "agent/PluginView.h"
+
 namespace AclAgent {
 
 namespace {
@@ -38,24 +40,6 @@ void Agent::unload() {
   db_.loadedIs(false);
 }
 
-std::string Agent::typesText() const {
-  std::ostringstream text;
-  for (const Zov::ZovModule* module : Zov::zovModules()) {
-    text << "module " << module->name << "\n";
-    for (std::size_t i = 0; i < module->types.size(); ++i) {
-      const Zov::ZovTypeInfo& type = module->types[i];
-      const Zov::AllocTrackTypeInfo* record = Zov::AllocTrackTypeInfo::find(type.name);
-      text << "  type " << i << " " << type.name << " live=" << (record ? record->liveObjects() : 0)
-           << "\n";
-      for (const Zov::AttributeInfo& attribute : type.attributes) {
-        text << "    " << attribute.id << " " << attribute.name << "\n";
-      }
-    }
-  }
-  if (text.str().empty()) return "no types\n";
-  return text.str();
-}
-
 void Agent::show(ShowWhat what, std::ostream& out) {
   switch (what) {
     case ShowWhat::kCalls:
@@ -72,6 +56,15 @@ void Agent::show(ShowWhat what, std::ostream& out) {
       return;
     case ShowWhat::kTypes:
       out << typesText();
+      return;
+    case ShowWhat::kPlugin:
+      out << pluginText();
+      return;
+    case ShowWhat::kSm:
+      out << smText();
+      return;
+    case ShowWhat::kWatchers:
+      out << watchersText();
       return;
   }
 }

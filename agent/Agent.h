@@ -44,7 +44,6 @@ class Agent {
   void load();
   void unload();
   void show(ShowWhat what, std::ostream& out);
-  std::string typesText() const;
 
   std::vector<std::string> pluginPaths_;
   Zov::Ptr<Pell::TaskSchedulerRoot> scheduler_;

@@ -12,8 +12,14 @@ struct ShowEntry {
 };
 // Every show word; the one place to extend.
 constexpr ShowEntry kShowWords[] = {
-    {ShowWhat::kCalls, "calls"}, {ShowWhat::kRules, "rules"}, {ShowWhat::kIptables, "iptables"},
-    {ShowWhat::kState, "state"}, {ShowWhat::kTypes, "types"},
+    {ShowWhat::kCalls, "calls"},
+    {ShowWhat::kRules, "rules"},
+    {ShowWhat::kIptables, "iptables"},
+    {ShowWhat::kState, "state"},
+    {ShowWhat::kTypes, "types"},
+    {ShowWhat::kPlugin, "plugin"},
+    {ShowWhat::kSm, "sm"},
+    {ShowWhat::kWatchers, "watchers"},
 };
 
 // Raised inside the parser; becomes a `ParseError` for the line.
@@ -463,32 +469,7 @@ std::string ParseError::text() const {
 }
 
 std::string quoteName(std::string_view text) {
-  std::string out = "\"";
-  for (char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c >= ' ' && c < 0x7f) {
-          out += c;
-        } else {
-          char hex[8];
-          std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-          out += hex;
-        }
-    }
-  }
-  return out + "\"";
+  return Zov::quotedText(text);
 }
 
 ParsedLine parseLine(std::string_view line, const std::string& file, unsigned lineNumber) {

@@ -132,7 +132,16 @@ struct ClearCallsCmd {
 
 // What `show` asks for. To add one, add a value here and its word to the
 // table in Scenario.cpp.
-enum class ShowWhat : std::uint8_t { kCalls, kRules, kIptables, kState, kTypes };
+enum class ShowWhat : std::uint8_t {
+  kCalls,
+  kRules,
+  kIptables,
+  kState,
+  kTypes,
+  kPlugin,
+  kSm,
+  kWatchers,
+};
 struct ShowCmd {
   ShowWhat what;
   friend bool operator==(const ShowCmd&, const ShowCmd&) = default;

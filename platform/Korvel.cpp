@@ -2,6 +2,7 @@
 // entity manager whose mount completion comes from the event loop.
 #include "platform/Korvel.h"
 
+#include <algorithm>
 #include <unordered_map>
 
 namespace Korvel {
@@ -51,6 +52,14 @@ Mounter::~Mounter() {
 Mounter* Mounter::find(std::uint64_t mounterId) {
   auto it = liveMounters().find(mounterId);
   return it == liveMounters().end() ? nullptr : it->second;
+}
+
+std::vector<Mounter*> Mounter::all() {
+  std::vector<Mounter*> mounters;
+  for (const auto& [id, mounter] : liveMounters()) mounters.push_back(mounter);
+  std::sort(mounters.begin(), mounters.end(),
+            [](Mounter* a, Mounter* b) { return a->mounterId() < b->mounterId(); });
+  return mounters;
 }
 
 void Mounter::doKorvelMountsComplete(MountStatus status,

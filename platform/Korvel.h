@@ -96,6 +96,8 @@ class Mounter : public Zov::Entity {
   std::uint64_t mounterId() const { return mounterId_; }
   // The live mounter with this id, or null.
   static Mounter* find(std::uint64_t mounterId);
+  // Every live mounter, oldest first: how tools find a plugin's root entity.
+  static std::vector<Mounter*> all();
 
  private:
   std::uint64_t mounterId_;

@@ -3,7 +3,7 @@
 // Counted objects (`PtrInterface`, `Ptr<T>`), named entities, immutable counted
 // strings, attribute notification with reactors (`NotifieeConst`), intrusive
 // keyed collections, hashing, the framework's errors, per-type allocation
-// records and tracing.
+// records, type modules with their generic attribute interface, and tracing.
 //
 // Usage:
 //
@@ -472,5 +472,6 @@ class AllocTrackTypeInfo {
  private:
 
 #include "platform/ZovCollections.h"
+#include "platform/ZovGeneric.h"
 #include "platform/ZovModule.h"
 #include "platform/ZovTrace.h"

@@ -61,6 +61,9 @@ TEST(ScenarioParserTest, EveryCommand) {
       {"show iptables", ShowCmd{ShowWhat::kIptables}},
       {"show state", ShowCmd{ShowWhat::kState}},
       {"show types", ShowCmd{ShowWhat::kTypes}},
+      {"show plugin", ShowCmd{ShowWhat::kPlugin}},
+      {"show sm", ShowCmd{ShowWhat::kSm}},
+      {"show watchers", ShowCmd{ShowWhat::kWatchers}},
       {"  \tlink\t set  a   7  ", LinkSetCmd{{"a", 0}, 7}},
   };
   for (const auto& [line, expected] : cases) {
@@ -173,9 +176,10 @@ TEST(ScenarioParserTest, ErrorsNameWhatWasWrong) {
        R"(unknown path "cell/0/ip/vrf/status/local" (expected one of mdns/config, mdns/status, l3/intf/status, ip/vrf/status/global, ip/vrf/status/local))"},
       {"remount maybe", R"(bad mount status "maybe" (expected ok or failed))"},
       {"load now", R"(unexpected argument "now" after load)"},
-      {"show", "missing show word (expected calls, rules, iptables, state or types)"},
+      {"show",
+       "missing show word (expected calls, rules, iptables, state, types, plugin, sm or watchers)"},
       {"show all",
-       R"(unknown show word "all" (expected calls, rules, iptables, state or types))"},
+       R"(unknown show word "all" (expected calls, rules, iptables, state, types, plugin, sm or watchers))"},
       {"show calls rules", R"(unexpected argument "rules" after show calls)"},
       {"advance", "missing duration (for example 10ms)"},
       {"advance 10", R"(missing unit in duration "10" (expected ns, us, ms or s))"},

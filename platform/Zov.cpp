@@ -29,7 +29,9 @@ void throwNewEntityArgsException(FwkType type) {
                                "): generic creation takes no constructor arguments");
 }
 
-void throwRangeException(const char* text) { throw RangeException(text); }
+void throwRangeException(const char* text) {
+  throw RangeException(text);
+}
 
 namespace Impl {
 namespace {
@@ -55,9 +57,13 @@ void throwMutatorReinstantiating(FwkType type, AttributeId id, const PtrInterfac
 
 PtrInterface::~PtrInterface() = default;
 
-void* PtrInterface::zovMemAlloc(std::size_t size) { return ::operator new(size); }
+void* PtrInterface::zovMemAlloc(std::size_t size) {
+  return ::operator new(size);
+}
 
-void PtrInterface::zovMemFree(void* p, std::size_t size) noexcept { ::operator delete(p, size); }
+void PtrInterface::zovMemFree(void* p, std::size_t size) noexcept {
+  ::operator delete(p, size);
+}
 
 void PtrInterface::handleZeroRef() const noexcept {
   auto* self = const_cast<PtrInterface*>(this);
@@ -74,7 +80,9 @@ std::size_t NotifieeList::size() const {
       std::count_if(entries_.begin(), entries_.end(), [](auto* n) { return n != nullptr; }));
 }
 
-void NotifieeList::add(PtrInterface* notifiee) { entries_.push_back(notifiee); }
+void NotifieeList::add(PtrInterface* notifiee) {
+  entries_.push_back(notifiee);
+}
 
 void NotifieeList::remove(PtrInterface* notifiee) {
   auto it = std::find(entries_.begin(), entries_.end(), notifiee);
@@ -106,7 +114,9 @@ void NotifieeList::visit(AttributeId id, const void* key) const {
   }
 }
 
-PtrInterface::NotifieeConst::~NotifieeConst() { unlink(); }
+PtrInterface::NotifieeConst::~NotifieeConst() {
+  unlink();
+}
 
 void PtrInterface::NotifieeConst::notifierIs(const PtrInterface* notifier) {
   if (notifier == notifier_.ptr()) return;
@@ -171,7 +181,9 @@ AllocTrackTypeInfo::AllocTrackTypeInfo(const char* typeName) : typeName_(typeNam
   allocRecords().push_back(this);
 }
 
-AllocTrackTypeInfo::~AllocTrackTypeInfo() { std::erase(allocRecords(), this); }
+AllocTrackTypeInfo::~AllocTrackTypeInfo() {
+  std::erase(allocRecords(), this);
+}
 
 const AllocTrackTypeInfo* AllocTrackTypeInfo::find(std::string_view typeName) {
   for (auto* record : allocRecords()) {
@@ -180,7 +192,9 @@ const AllocTrackTypeInfo* AllocTrackTypeInfo::find(std::string_view typeName) {
   return nullptr;
 }
 
-std::vector<const AllocTrackTypeInfo*> AllocTrackTypeInfo::all() { return allocRecords(); }
+std::vector<const AllocTrackTypeInfo*> AllocTrackTypeInfo::all() {
+  return allocRecords();
+}
 
 // --- type modules ---------------------------------------------------------------
 
@@ -211,7 +225,9 @@ void zovModuleIs(const ZovModule* module) {
   }
 }
 
-void zovModuleDel(const ZovModule* module) { std::erase(modules(), module); }
+void zovModuleDel(const ZovModule* module) {
+  std::erase(modules(), module);
+}
 
 const ZovModule* zovModule(std::string_view name) {
   for (auto* m : modules()) {
@@ -220,7 +236,9 @@ const ZovModule* zovModule(std::string_view name) {
   return nullptr;
 }
 
-std::vector<const ZovModule*> zovModules() { return modules(); }
+std::vector<const ZovModule*> zovModules() {
+  return modules();
+}
 
 // --- tracing ------------------------------------------------------------------------
 
@@ -248,7 +266,9 @@ TraceHandle::TraceHandle(const char* name, bool enabled) : name_(name) {
   registry.handles.push_back(this);
 }
 
-TraceHandle::~TraceHandle() { std::erase(traceRegistry().handles, this); }
+TraceHandle::~TraceHandle() {
+  std::erase(traceRegistry().handles, this);
+}
 
 void TraceHandle::levelIs(unsigned level, bool enabled) {
   if (level >= kLevels) throwRangeException("trace level must be 0 to 15");
@@ -268,7 +288,9 @@ void TraceHandle::levelsByNameIs(std::string_view name, std::uint16_t levels) {
   if (auto* h = find(name)) h->levelsIs(levels);
 }
 
-TraceSink traceSinkIs(TraceSink sink) { return std::exchange(traceRegistry().sink, std::move(sink)); }
+TraceSink traceSinkIs(TraceSink sink) {
+  return std::exchange(traceRegistry().sink, std::move(sink));
+}
 
 TraceHelper::~TraceHelper() {
   TraceRecord record{handle_.name(), level_, file_, line_, function_, std::move(stream_.text_)};

@@ -132,13 +132,11 @@ class Ptr {
   Ptr(T* p) noexcept : p_(p) { retain(); }
   Ptr(const Ptr& o) noexcept : p_(o.p_) { retain(); }
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
-  template <class U>
-    requires std::is_convertible_v<U*, T*>
+  template <class U, std::enable_if_t<std::is_convertible_v<U*, T*>, int> = 0>
   Ptr(const Ptr<U>& o) noexcept : p_(o.ptr()) {
     retain();
   }
-  template <class U>
-    requires std::is_convertible_v<U*, T*>
+  template <class U, std::enable_if_t<std::is_convertible_v<U*, T*>, int> = 0>
   Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
   ~Ptr() { drop(); }
 
@@ -453,22 +451,22 @@ class AllocTrackTypeInfo {
 // Gives a class its own allocation record and makes `new` and `delete` of it
 // go through the record and `PtrInterface::zovMemAlloc`. Place it inside the
 // class body; `record` is the name under which the record is found.
-#define ZOV_TRACKED_ALLOCATION(record)                                           \
- public:                                                                         \
-  static Zov::AllocTrackTypeInfo& allocTrackTypeInfo() {                         \
-    static Zov::AllocTrackTypeInfo info(record);                                 \
-    return info;                                                                 \
-  }                                                                              \
-  static void* operator new(std::size_t size) {                                  \
-    void* p = Zov::PtrInterface::zovMemAlloc(size);                              \
-    Zov::AllocTrackTypeInfo::trackAllocation(allocTrackTypeInfo(), size);        \
-    return p;                                                                    \
-  }                                                                              \
-  static void operator delete(void* p, std::size_t size) noexcept {              \
-    Zov::AllocTrackTypeInfo::trackDeallocation(allocTrackTypeInfo(), size);      \
-    Zov::PtrInterface::zovMemFree(p, size);                                      \
-  }                                                                              \
-                                                                                 \
+#define ZOV_TRACKED_ALLOCATION(record)                                      \
+ public:                                                                    \
+  static Zov::AllocTrackTypeInfo& allocTrackTypeInfo() {                    \
+    static Zov::AllocTrackTypeInfo info(record);                            \
+    return info;                                                            \
+  }                                                                         \
+  static void* operator new(std::size_t size) {                             \
+    void* p = Zov::PtrInterface::zovMemAlloc(size);                         \
+    Zov::AllocTrackTypeInfo::trackAllocation(allocTrackTypeInfo(), size);   \
+    return p;                                                               \
+  }                                                                         \
+  static void operator delete(void* p, std::size_t size) noexcept {         \
+    Zov::AllocTrackTypeInfo::trackDeallocation(allocTrackTypeInfo(), size); \
+    Zov::PtrInterface::zovMemFree(p, size);                                 \
+  }                                                                         \
+                                                                            \
  private:
 
 #include "platform/ZovCollections.h"

@@ -61,6 +61,10 @@ class GenericArgsException : public Exception {
   using Exception::Exception;
 };
 
+// Integers other than bool travel as 64-bit integers.
+template <class T>
+inline constexpr bool kIsInteger = std::is_integral_v<T> && !std::is_same_v<T, bool>;
+
 class GenericValue {
  public:
   enum class Type : std::uint8_t { kNone, kBool, kInteger, kFloating, kText, kReference };
@@ -68,25 +72,22 @@ class GenericValue {
   GenericValue() noexcept = default;
   GenericValue(std::nullptr_t) noexcept {}
   GenericValue(bool value) : value_(value) {}
-  template <std::integral I>
-    requires(!std::same_as<I, bool>)
+  template <class I, std::enable_if_t<kIsInteger<I>, int> = 0>
   GenericValue(I value) : value_(static_cast<std::int64_t>(value)) {}
   GenericValue(double value) : value_(value) {}
   GenericValue(const String& text) : value_(text) {}
   GenericValue(const char* text) : value_(String(text)) {}
   // A null reference is none. A reference to a constant object is read-only.
-  template <class T>
-    requires std::derived_from<T, PtrInterface>
+  template <class T, std::enable_if_t<std::is_base_of_v<PtrInterface, T>, int> = 0>
   GenericValue(const Ptr<T>& object) {
     if (object) value_ = Reference{Ptr<const PtrInterface>(object.ptr()), !std::is_const_v<T>};
   }
 
   // A plain pointer to an object travels as a reference to it; any other
   // pointer is refused here rather than turned into a bool.
-  template <class T>
-    requires std::derived_from<T, PtrInterface>
+  template <class T, std::enable_if_t<std::is_base_of_v<PtrInterface, T>, int> = 0>
   GenericValue(T* object) : GenericValue(Ptr<T>(object)) {}
-  template <class T>
+  template <class T, std::enable_if_t<!std::is_base_of_v<PtrInterface, T>, int> = 0>
   GenericValue(T*) = delete;
 
   Type type() const { return static_cast<Type>(value_.index()); }
@@ -145,7 +146,7 @@ std::string quotedText(std::string_view text);
 
 // How a value type travels. Specialise it for a type with its own text or
 // number form; `from` raises `GenericArgsException` for a value it cannot take.
-template <class T>
+template <class T, class Enable = void>
 struct GenericConvert;
 
 template <>
@@ -153,11 +154,20 @@ struct GenericConvert<bool> {
   static GenericValue to(bool value) { return value; }
   static bool from(const GenericValue& value) { return value.asBool(); }
 };
+// Raises `GenericArgsException` when `value` does not fit in `T`.
+[[noreturn]] void throwOutOfRange(std::int64_t value, std::int64_t min, std::uint64_t max);
+
 template <class T>
-  requires(std::integral<T> && !std::same_as<T, bool>)
-struct GenericConvert<T> {
+struct GenericConvert<T, std::enable_if_t<kIsInteger<T>>> {
   static GenericValue to(T value) { return value; }
-  static T from(const GenericValue& value);
+  static T from(const GenericValue& value) {
+    const std::int64_t number = value.asInteger();
+    if (!std::in_range<T>(number)) {
+      throwOutOfRange(number, static_cast<std::int64_t>(std::numeric_limits<T>::min()),
+                      static_cast<std::uint64_t>(std::numeric_limits<T>::max()));
+    }
+    return static_cast<T>(number);
+  }
 };
 template <>
 struct GenericConvert<double> {
@@ -165,8 +175,7 @@ struct GenericConvert<double> {
   static double from(const GenericValue& value) { return value.asFloating(); }
 };
 template <class T>
-  requires std::is_enum_v<T>
-struct GenericConvert<T> {
+struct GenericConvert<T, std::enable_if_t<std::is_enum_v<T>>> {
   static GenericValue to(T value) { return static_cast<std::underlying_type_t<T>>(value); }
   static T from(const GenericValue& value) {
     return static_cast<T>(GenericConvert<std::underlying_type_t<T>>::from(value));
@@ -190,25 +199,10 @@ struct GenericConvert<Ptr<T>> {
 // A plain (uncounted) link travels as a reference; the caller keeps the object
 // alive while the link is in use.
 template <class T>
-  requires std::derived_from<T, PtrInterface>
-struct GenericConvert<T*> {
+struct GenericConvert<T*, std::enable_if_t<std::is_base_of_v<PtrInterface, T>>> {
   static GenericValue to(T* value) { return Ptr<T>(value); }
   static T* from(const GenericValue& value) { return value.template asReference<T>().ptr(); }
 };
-
-// Raises `GenericArgsException` when `value` does not fit in `T`.
-[[noreturn]] void throwOutOfRange(std::int64_t value, std::int64_t min, std::uint64_t max);
-
-template <class T>
-  requires(std::integral<T> && !std::same_as<T, bool>)
-T GenericConvert<T>::from(const GenericValue& value) {
-  const std::int64_t number = value.asInteger();
-  if (!std::in_range<T>(number)) {
-    throwOutOfRange(number, static_cast<std::int64_t>(std::numeric_limits<T>::min()),
-                    static_cast<std::uint64_t>(std::numeric_limits<T>::max()));
-  }
-  return static_cast<T>(number);
-}
 
 // Adapters that turn a type's own accessors, setters and handlers into the
 // function pointers of `AttributeAccess` (ZovModule.h). `Fn` is a member

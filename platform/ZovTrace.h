@@ -70,8 +70,7 @@ class TraceStream {
     text_ += text;
     return *this;
   }
-  template <class T>
-    requires std::is_arithmetic_v<T>
+  template <class T, std::enable_if_t<std::is_arithmetic_v<T>, int> = 0>
   TraceStream& operator<<(T value) {
     text_ += std::to_string(value);
     return *this;
@@ -85,8 +84,7 @@ class TraceStream {
 // Begins a record; the record is written to the sink when the helper ends.
 class TraceHelper {
  public:
-  TraceHelper(TraceHandle& handle, unsigned level, const char* file, int line,
-              const char* function)
+  TraceHelper(TraceHandle& handle, unsigned level, const char* file, int line, const char* function)
       : handle_(handle), level_(level), file_(file), line_(line), function_(function) {}
   ~TraceHelper();
   TraceHelper(const TraceHelper&) = delete;
@@ -107,7 +105,7 @@ class TraceHelper {
 
 // Writes one record at `level` on `handle` when that level is enabled; the
 // text is what is streamed into the expression. Nothing is evaluated otherwise.
-#define ZOV_TRACE(handle, level, file, function)  \
-  if (!(handle).enabled(level)) {                 \
-  } else                                          \
+#define ZOV_TRACE(handle, level, file, function) \
+  if (!(handle).enabled(level)) {                \
+  } else                                         \
     Zov::TraceHelper((handle), (level), (file), __LINE__, (function)).stream()

@@ -42,7 +42,9 @@ std::string accessText(const Zov::AttributeAccess& access) {
   };
   std::string text;
   for (const auto& [has, word] : offered) {
-    if (has) text += (text.empty() ? "" : ",") + std::string(word);
+    if (!has) continue;
+    if (!text.empty()) text += ',';
+    text += word;
   }
   return text.empty() ? "none" : text;
 }

@@ -210,7 +210,9 @@ std::string RuleService::renderIptables() const {
     const bool newChain = !chain || chain->chain != key->chain;
     chain = key;
     if (newChain && !fault && !isBuiltinChain(chainName)) {
-      out += ":" + std::string(chainName) + " - [0:0]\n";
+      out += ':';
+      out += chainName;
+      out += " - [0:0]\n";
     }
 
     std::string_view text = rule->text.view();
@@ -221,9 +223,13 @@ std::string RuleService::renderIptables() const {
              " (" + fault + ")\n";
       continue;
     }
-    out += "-A " + std::string(chainName);
-    if (!text.empty()) out += " " + std::string(text);
-    out += "\n";
+    out += "-A ";
+    out += chainName;
+    if (!text.empty()) {
+      out += ' ';
+      out += text;
+    }
+    out += '\n';
   }
   closeBlock();
   return out;

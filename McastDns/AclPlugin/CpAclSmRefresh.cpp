@@ -57,8 +57,10 @@ void CpAclSm::handleRefreshAcls(bool force) {
       zovL3IntfStatusDir_ ? zovL3IntfStatusDir_->entity() : nullptr;
   if (status && intfDir) {
     for (const auto& [key, link] : status->linkStatus()) {
-      const L3::Intf::Status* intf = intfDir->intfStatus(key.intfId);
-      if (intf && link->state() == LinkStatus::kStateUp) vrfs[intf->vrf()] = true;
+      // Testing the state first spares the interface lookup for links that
+      // are not up; the outcome is the same.
+      if (link->state() != LinkStatus::kStateUp) continue;
+      if (const L3::Intf::Status* intf = intfDir->intfStatus(key.intfId)) vrfs[intf->vrf()] = true;
     }
   }
   if (allVrfStatusGlobal_) {

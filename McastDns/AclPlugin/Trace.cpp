@@ -1,12 +1,15 @@
 #include "McastDns/AclPlugin/Trace.h"
 
-namespace McastDns {
+namespace McastDns::Impl {
 
-Zov::TraceHandle& traceHandle() {
+constinit Zov::TraceHandle* traceHandle_ = nullptr;
+
+Zov::TraceHandle& traceHandleIs() {
   // Built once, on first use, by whichever object traces first; the
   // construction of a function-local static is guarded.
   static Zov::TraceHandle handle("McastDnsAclPlugin", false);
+  traceHandle_ = &handle;
   return handle;
 }
 
-}  // namespace McastDns
+}  // namespace McastDns::Impl

@@ -7,9 +7,19 @@
 
 namespace McastDns {
 
+namespace Impl {
+// Set once the handle exists, so that the test of a disabled level costs one
+// load and no call.
+extern constinit Zov::TraceHandle* traceHandle_;
+Zov::TraceHandle& traceHandleIs();
+}  // namespace Impl
+
 // The plugin's trace handle, built on first use and shared by every object of
 // the plugin.
-Zov::TraceHandle& traceHandle();
+inline Zov::TraceHandle& traceHandle() {
+  if (Zov::TraceHandle* handle = Impl::traceHandle_) return *handle;
+  return Impl::traceHandleIs();
+}
 
 inline constexpr unsigned kTraceInit = 0;
 inline constexpr unsigned kTraceHandler = 8;

@@ -28,67 +28,27 @@ std::string errorOf(const std::string& line) {
   return result.error ? result.error->text() : "(parsed)";
 }
 
-TEST(ScenarioParserTest, EveryCommand) {
+// The golden scenarios run every command; these are the forms they do not use.
+TEST(ScenarioParserTest, CommandsAtTheEdgesOfTheirForms) {
   const std::vector<std::pair<std::string, CommandArgs>> cases = {
-      {"config gateway-enabled true", GatewayEnabledCmd{true}},
-      {"config gateway-enabled false", GatewayEnabledCmd{false}},
       {"config gateway-setting 65535", GatewaySettingCmd{65535}},
-      {"link set Ethernet1 1", LinkSetCmd{{"Ethernet1", 0}, 1}},
       {"link set Ethernet1#4294967295 255", LinkSetCmd{{"Ethernet1", 4294967295u}, 255}},
       {"link replace Ethernet1#2 0", LinkReplaceCmd{{"Ethernet1", 2}, 0}},
-      {"link del Ethernet1#3", LinkDelCmd{{"Ethernet1", 3}}},
-      {"intf set Ethernet1 red", IntfSetCmd{"Ethernet1", "red"}},
-      {"intf replace Ethernet1 blue", IntfReplaceCmd{"Ethernet1", "blue"}},
-      {"intf del Ethernet1", IntfDelCmd{"Ethernet1"}},
-      {"vrf add global red", VrfAddCmd{VrfView::kGlobal, "red"}},
-      {"vrf add local red", VrfAddCmd{VrfView::kLocal, "red"}},
-      {"vrf del local red", VrfDelCmd{VrfView::kLocal, "red"}},
-      {"omit mdns/config", OmitCmd{StatePath::kMdnsConfig}},
-      {"omit ip/vrf/status/local", OmitCmd{StatePath::kVrfStatusLocal}},
-      {"recreate l3/intf/status", RecreateCmd{StatePath::kL3IntfStatus}},
+      {"link del a#b#3", LinkDelCmd{{"a#b", 3}}},
+      {"vrf del global red", VrfDelCmd{VrfView::kGlobal, "red"}},
       {"recreate ip/vrf/status/global", RecreateCmd{StatePath::kVrfStatusGlobal}},
-      {"recreate mdns/status", RecreateCmd{StatePath::kMdnsStatus}},
-      {"load", LoadCmd{}},
-      {"unload", UnloadCmd{}},
-      {"remount", RemountCmd{MountStatus::kSuccess}},
       {"remount ok", RemountCmd{MountStatus::kSuccess}},
-      {"remount failed", RemountCmd{MountStatus::kFailed}},
-      {"advance 10ms", AdvanceCmd{10'000'000}},
-      {"settle", SettleCmd{}},
-      {"clear calls", ClearCallsCmd{}},
-      {"show calls", ShowCmd{ShowWhat::kCalls}},
-      {"show rules", ShowCmd{ShowWhat::kRules}},
-      {"show iptables", ShowCmd{ShowWhat::kIptables}},
-      {"show state", ShowCmd{ShowWhat::kState}},
-      {"show types", ShowCmd{ShowWhat::kTypes}},
-      {"show plugin", ShowCmd{ShowWhat::kPlugin}},
-      {"show sm", ShowCmd{ShowWhat::kSm}},
-      {"show watchers", ShowCmd{ShowWhat::kWatchers}},
       {"  \tlink\t set  a   7  ", LinkSetCmd{{"a", 0}, 7}},
+      {R"(intf set "" "")", IntfSetCmd{"", ""}},
+      {R"(vrf add local "\x00x")", VrfAddCmd{VrfView::kLocal, std::string("\0x", 2)}},
   };
   for (const auto& [line, expected] : cases) {
     EXPECT_TRUE(parsesTo(line, expected)) << line;
   }
-}
-
-TEST(ScenarioParserTest, QuotedNamesAndEscapes) {
-  EXPECT_TRUE(parsesTo(R"(intf set "" "")", (IntfSetCmd{"", ""})));
-  EXPECT_TRUE(parsesTo(R"(intf set "Ethernet 1" "a\"b\\c\n\t\x41\x7e")",
-                       (IntfSetCmd{"Ethernet 1", "a\"b\\c\n\tA~"})));
-  EXPECT_TRUE(
-      parsesTo(R"(vrf add global "\x00x")", (VrfAddCmd{VrfView::kGlobal, std::string("\0x", 2)})));
-  // A quoted interface takes its link index right after the closing quote.
-  EXPECT_TRUE(parsesTo(R"(link set "Eth 1"#2 1)", (LinkSetCmd{{"Eth 1", 2}, 1})));
-  EXPECT_TRUE(parsesTo(R"(link set "Eth#1" 1)", (LinkSetCmd{{"Eth#1", 0}, 1})));
-  // In a bare token the last '#' starts the index.
-  EXPECT_TRUE(parsesTo("link del a#b#3", (LinkDelCmd{{"a#b", 3}})));
-  // Without an index, '#' is part of an interface name.
-  EXPECT_TRUE(parsesTo("intf set Eth#1 red", (IntfSetCmd{"Eth#1", "red"})));
-
   // Names round-trip through the quoting used for output.
   const std::string name = std::string("q\"b\\n\n\t\x01\xff#x", 11);
-  EXPECT_TRUE(parsesTo("intf del " + quoteName(name), (IntfDelCmd{name})));
   EXPECT_EQ(quoteName(name), R"("q\"b\\n\n\t\x01\xff#x")");
+  EXPECT_TRUE(parsesTo("intf del " + quoteName(name), (IntfDelCmd{name})));
 }
 
 TEST(ScenarioParserTest, Comments) {
@@ -110,8 +70,6 @@ TEST(ScenarioParserTest, EchoKeepsTheLineAsWritten) {
       {"echo   two spaces kept", "  two spaces kept"},
       {"echo\ttab", "tab"},
       {"echo", ""},
-      {"echo   ", ""},
-      {"echo step 1 # why", "step 1"},
       {"echo a#b \"c # d\" \\x41 # e", "a#b \"c # d\" \\x41"},
       {"echo \"say \\\"#\\\"\" #", "\"say \\\"#\\\"\""},
       {"echo it's 5\" tall", "it's 5\" tall"},
@@ -125,18 +83,12 @@ TEST(ScenarioParserTest, EchoKeepsTheLineAsWritten) {
 
 TEST(ScenarioParserTest, DurationsRoundToTheNearestNanosecond) {
   const std::vector<std::pair<std::string, std::int64_t>> cases = {
-      {"10ms", 10'000'000},
-      {"0.01s", 10'000'000},
-      {"250us", 250'000},
       {"2s", 2'000'000'000},
-      {"1500ns", 1500},
       {"0ns", 0},
-      {"1.4ns", 1},
       {"1.5ns", 2},
       {"0.0000000015s", 2},
       {"0.0000000014999s", 1},
       {"1.0005us", 1001},
-      {"1.0000005us", 1000},
       {"9223372036854775807ns", 9223372036854775807},
       {"9223372036.854775807s", 9223372036854775807},
   };
@@ -145,58 +97,42 @@ TEST(ScenarioParserTest, DurationsRoundToTheNearestNanosecond) {
   }
 }
 
+// More errors, each as the agent prints it, are in the golden case parse-error.
 TEST(ScenarioParserTest, ErrorsNameWhatWasWrong) {
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"lnk set a 1", R"(unknown command "lnk")"},
-      {"link set a 300", "link state 300 is out of range 0..255"},
-      {"link set a up", R"(bad link state "up" (expected a number 0..255))"},
       {"link set a -1", R"(bad link state "-1" (expected a number 0..255))"},
       {"link set a", "missing link state"},
       {"link set", "missing interface name"},
       {"link", "missing link operation (expected set, replace or del)"},
       {"link up a 1", R"(unknown link operation "up" (expected set, replace or del))"},
       {"link set a#4294967296 1", "link index 4294967296 is out of range 0..4294967295"},
-      {"link set a#x 1", R"(bad link index "x" in "a#x" (expected a number 0..4294967295))"},
       {"link set a# 1", R"(missing link index after '#' in "a#")"},
       {R"(link set "a b"#x 1)",
        R"(bad link index "x" in "a b"#x (expected a number 0..4294967295))"},
       {"link del a 1", R"(unexpected argument "1" after link del)"},
-      {"config gateway-setting 65536", "gateway setting 65536 is out of range 0..65535"},
       {"config gateway-enabled yes",
        R"(bad value "yes" for gateway-enabled (expected true or false))"},
       {"config gateway",
        R"(unknown config setting "gateway" (expected gateway-enabled or gateway-setting))"},
       {"intf set a", "missing VRF name"},
       {R"(intf set "a"#1 red)", R"(unexpected link index after "a" in intf set)"},
-      {"vrf add red", R"(unknown VRF view "red" (expected global or local))"},
       {"vrf del local", "missing VRF name"},
-      {"omit mdns",
-       R"(unknown path "mdns" (expected one of mdns/config, mdns/status, l3/intf/status, ip/vrf/status/global, ip/vrf/status/local))"},
       {"recreate cell/0/ip/vrf/status/local",
        R"(unknown path "cell/0/ip/vrf/status/local" (expected one of mdns/config, mdns/status, l3/intf/status, ip/vrf/status/global, ip/vrf/status/local))"},
-      {"remount maybe", R"(bad mount status "maybe" (expected ok or failed))"},
       {"load now", R"(unexpected argument "now" after load)"},
-      {"show",
-       "missing show word (expected calls, rules, iptables, state, types, plugin, sm or watchers)"},
       {"show all",
        R"(unknown show word "all" (expected calls, rules, iptables, state, types, plugin, sm or watchers))"},
       {"show calls rules", R"(unexpected argument "rules" after show calls)"},
       {"advance", "missing duration (for example 10ms)"},
-      {"advance 10", R"(missing unit in duration "10" (expected ns, us, ms or s))"},
-      {"advance 1min", R"(unknown unit "min" in duration "1min" (expected ns, us, ms or s))"},
       {"advance 1m", R"(unknown unit "m" in duration "1m" (expected ns, us, ms or s))"},
-      {"advance .5s", R"(bad duration ".5s" (expected a number and a unit: ns, us, ms or s))"},
       {"advance 1.s", R"(bad duration "1.s" (expected a number and a unit: ns, us, ms or s))"},
       {"advance -1s", R"(bad duration "-1s" (expected a number and a unit: ns, us, ms or s))"},
       {"advance 9223372036854775808ns", R"(duration "9223372036854775808ns" is too long)"},
       {"advance 9223372036.8547758075s", R"(duration "9223372036.8547758075s" is too long)"},
-      {R"(intf set "abc red)", "unterminated string"},
       {R"(intf set "abc\" red)", "unterminated string"},
       {R"(intf set "a\qb" red)", R"(bad escape \q)"},
       {R"(intf set "a\x4" red)", R"(bad escape \x4 (expected two hex digits after \x))"},
       {R"(intf set "a"b red)", R"(unexpected "b" after the closing quote of "a")"},
-      {R"(intf set a"b" red)",
-       R"(unexpected '"' inside "a\"b\"" (a quoted name must stand as a token of its own))"},
   };
   for (const auto& [line, message] : cases) {
     EXPECT_EQ(errorOf(line), "t.scn:7: error: " + message) << line;
@@ -212,11 +148,11 @@ TEST(ScenarioParserTest, AWholeFileParsesBeforeAnythingRuns) {
   EXPECT_TRUE(good.commands[2] == (Command{5, ShowCmd{ShowWhat::kRules}}));
 
   // Every bad line is reported, with its own line number, and nothing runs.
-  ParsedScenario bad = parseScenario("load\nlnk\nsettle\nlink set a 999\n", "s.scn");
+  ParsedScenario bad = parseScenario("load\nlnk\nsettle\nlink set a 256\n", "s.scn");
   EXPECT_TRUE(bad.commands.empty());
   ASSERT_EQ(bad.errors.size(), 2u);
   EXPECT_EQ(bad.errors[0].text(), R"(s.scn:2: error: unknown command "lnk")");
-  EXPECT_EQ(bad.errors[1].text(), "s.scn:4: error: link state 999 is out of range 0..255");
+  EXPECT_EQ(bad.errors[1].text(), "s.scn:4: error: link state 256 is out of range 0..255");
 }
 
 }  // namespace

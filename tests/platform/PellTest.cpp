@@ -47,51 +47,32 @@ class PellTest : public ::testing::Test {
 };
 
 TEST_F(PellTest, RunsByDueTimeThenHigherPriorityThenArmingOrder) {
-  EXPECT_EQ(root_, Pell::TaskSchedulerRoot::findOrCreateScheduler());
   auto late = taskIs(9, "late");
   auto lowA = taskIs(1, "lowA");
   auto high = taskIs(5, "high");
   auto lowB = taskIs(1, "lowB");
   auto highB = taskIs(5, "highB");
-  EXPECT_EQ(high->taskName(), Zov::String("high"));
-  EXPECT_EQ(high->taskPriority(), Pell::TaskPriority(5));
-  EXPECT_EQ(high->taskScheduler(), root_);
-
-  const Pell::Nanoseconds start = root_->now();
   late->scheduleTaskLowestDelay(0.02);
   for (auto* task : {&lowA, &high, &lowB, &highB}) (*task)->scheduleTaskLowestDelay(0.01);
-  EXPECT_EQ(root_->nextDue(), start + 10 * kMs);
   root_->advance(20 * kMs);
   EXPECT_THAT(log_, ElementsAre("high", "highB", "lowA", "lowB", "late"));
-  EXPECT_EQ(root_->now(), start + 20 * kMs);
-  EXPECT_FALSE(late->armed());
-  EXPECT_EQ(late->runs(), 1u);
 }
 
-TEST_F(PellTest, LowestDelayWinsAndAdvanceIsInclusive) {
+TEST_F(PellTest, LowestDelayWinsAdvanceIsInclusiveAndStoppingDisarms) {
   auto task = taskIs(3, "refresh");
   const Pell::Nanoseconds start = root_->now();
-  task->scheduleTaskLowestDelay(0.05);
-  task->scheduleTaskLowestDelay(0.01);
-  task->scheduleTaskLowestDelay(0.03);
+  for (double delay : {0.05, 0.01, 0.03}) task->scheduleTaskLowestDelay(delay);
   EXPECT_EQ(task->due(), start + 10 * kMs);
-  EXPECT_EQ(root_->armedTasks(), 1u);
-
   root_->advance(10 * kMs - 1);
   EXPECT_TRUE(log_.empty());
   root_->advance(1);
-  EXPECT_THAT(log_, ElementsAre("refresh"));
   root_->advance(100 * kMs);
-  EXPECT_EQ(log_.size(), 1u) << "a run leaves the task idle";
+  EXPECT_THAT(log_, ElementsAre("refresh")) << "a run leaves the task idle";
 
-  // Stopping disarms; stopping an idle task is harmless.
   task->scheduleTaskLowestDelay(0.01);
   task->stopTimerTask();
-  task->stopTimerTask();
-  EXPECT_FALSE(task->armed());
   EXPECT_TRUE(root_->settle());
   EXPECT_EQ(log_.size(), 1u);
-
   // Destroying an armed task disarms it.
   task->scheduleTaskLowestDelay(0.01);
   tasks_.clear();
@@ -112,15 +93,11 @@ TEST_F(PellTest, ReArmFromTheRunAndSettle) {
   EXPECT_EQ(root_->now(), start + 30 * kMs);
 
   // A task that always re-arms makes settle give up, leaving it armed.
-  auto forever = taskIs(3, "forever");
-  forever->scheduleTaskLowestDelay(0);
-  tasks_.back().second->hook_ = [&](Zov::AttributeId, const void*) {
-    forever->scheduleTaskLowestDelay(0);
-  };
+  rearms = 1000;
+  task->scheduleTaskLowestDelay(0);
   EXPECT_FALSE(root_->settle(5));
-  EXPECT_EQ(forever->runs(), 5u);
-  EXPECT_TRUE(forever->armed());
-  forever->stopTimerTask();
+  EXPECT_EQ(task->runs(), 8u);
+  EXPECT_TRUE(task->armed());
   task = nullptr;
 }
 
@@ -132,17 +109,14 @@ TEST_F(PellTest, ExceptionFromARunPropagatesAndTheLoopGoesOn) {
   thrower->scheduleTaskLowestDelay(0.01);
   after->scheduleTaskLowestDelay(0.01);
   later->scheduleTaskLowestDelay(0.02);
-
   EXPECT_THROW(root_->advance(50 * kMs), std::runtime_error);
   EXPECT_EQ(root_->now(), start + 10 * kMs);
   EXPECT_FALSE(thrower->armed());
-
   root_->advance(50 * kMs);
   EXPECT_THAT(log_, ElementsAre("thrower", "after", "later"));
 }
 
-// The only test on real time: it proves that arming on the wall clock counts
-// from the real present, even when the loop has not run for a while.
+// On the wall clock, arming counts from the real present, however long the loop idled.
 TEST_F(PellTest, WallClockArmsFromTheRealPresent) {
   root_->wallClockIs(true);
   const Pell::Nanoseconds start = root_->now();

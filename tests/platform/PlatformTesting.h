@@ -1,13 +1,10 @@
-// Helpers for the platform's tests. `Listener` is a notifiee that records the
-// attribute ids it hears and can run a hook on each notification, which is how
-// a test acts "during a visit"; like any reactor it holds a counted reference
-// to its notifier. `whatOf` runs code that must throw `E` and returns the
-// message.
+// `Listener` records the attribute ids it hears and runs an optional hook on
+// each, which is how a test acts "during a visit"; like any reactor it holds
+// its notifier. `whatOf` runs code that must throw `E` and returns the message.
 #pragma once
 
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/Zov.h"
@@ -29,7 +26,6 @@ class Listener : public Zov::PtrInterface::NotifieeConst {
     listener->hasNotificationActiveIs(true);
     return listener;
   }
-
   void onAttribute(Zov::AttributeId id, const void* key) override {
     ids_.push_back(id);
     if (hook_) hook_(id, key);

@@ -106,7 +106,6 @@ class CpAclSm : public Zov::PtrInterface {
   static constexpr Zov::AttributeId kInitialized = 149;
   static constexpr Zov::AttributeId kHandleInitialized = 150;
 
-  static constexpr Zov::Seconds kRefreshAclsDelay_ = 0.01;
   static constexpr Pell::TaskPriority kRefreshTaskPriority{3};
   static constexpr const char* kRefreshTaskName = "refreshAclsTask";
 
@@ -161,7 +160,9 @@ class CpAclSm : public Zov::PtrInterface {
   bool dirtyAcl() const { return dirtyAcl_; }
   void dirtyAclIs(bool dirty) { dirtyAcl_ = dirty; }
 
-  static constexpr Zov::Seconds refreshAclsDelay() { return kRefreshAclsDelay_; }
+  // The delay from the first change of a burst to its refresh; the same for
+  // every instance.
+  static constexpr Zov::Seconds refreshAclsDelay() { return 0.01; }
 
   const Zov::Ptr<Pell::TaskSchedulerRoot>& scheduler() const { return scheduler_; }
   // A plain setter: an existing refresh task keeps its scheduler.

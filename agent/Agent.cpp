@@ -12,7 +12,20 @@ template <class... Visit>
 struct Overloaded : Visit... {
   using Visit::operator()...;
 };
+template <class... Visit>
+Overloaded(Visit...) -> Overloaded<Visit...>;
 }  // namespace
+
+std::string commandErrorText(const std::exception& e) {
+  std::string text = e.what();
+  if (const auto* range = dynamic_cast<const Zov::RangeException*>(&e); range && range->limit()) {
+    text += ": " + quoteName(range->value());
+    if (range->length() > range->value().size()) text += "...";
+    text += " is " + std::to_string(range->length()) + " bytes, over the limit of " +
+            std::to_string(range->limit());
+  }
+  return text;
+}
 
 Agent::Agent(std::vector<std::string> pluginPaths)
     : pluginPaths_(std::move(pluginPaths)),
@@ -28,9 +41,7 @@ Agent::~Agent() {
 }
 
 void Agent::load() {
-  if (!host_.loaded()) {
-    for (const std::string& path : pluginPaths_) host_.load(path);
-  }
+  if (!host_.loaded()) host_.loadAll(pluginPaths_);
   db_.loadedIs(true);
   host_.runInitCallers(rules_.ptr());
 }

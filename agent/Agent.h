@@ -6,9 +6,10 @@
 //   AclAgent::Agent agent({"/path/McastDnsAclPlugin.so"});
 //   agent.run(command, std::cout);   // raises on a command that fails
 //
-// A command that fails raises an exception whose text says what went wrong;
-// what the command did before it failed stands. `PluginLoadError` means a
-// plugin could not be loaded at all, which ends a scenario.
+// A command that fails raises an exception whose text says what went wrong
+// (`commandErrorText` makes the message that reports it); what the command
+// did before it failed stands. `PluginLoadError` means a plugin could not be
+// loaded at all, which ends a scenario; nothing of that `load` stays loaded.
 //
 // Threading: the event thread only.
 #pragma once
@@ -24,6 +25,11 @@
 #include "platform/Pell.h"
 
 namespace AclAgent {
+
+// The message that reports an error a command raised: the error's own text
+// and, for a text over a length limit (a VRF name of more than 100 bytes),
+// the start of that text, its length and the limit.
+std::string commandErrorText(const std::exception& e);
 
 class Agent {
  public:

@@ -48,8 +48,30 @@ void PluginHost::load(const std::string& path) {
     dlclose(handle);
     return;
   }
+  const auto& registrations = loader_->registrations();
+  const bool registered =
+      std::any_of(registrations.begin(), registrations.end(),
+                  [&](const Plugin::Impl::Registration& r) { return r.object == object.get(); });
+  if (!registered) {
+    dlclose(handle);
+    throw PluginLoadError("cannot load plugin " + path + ": it registers no plugin with the " +
+                          loader_->kind() + " loader");
+  }
   object->handle = handle;
   objects_.push_back(std::move(object));
+}
+
+void PluginHost::loadAll(const std::vector<std::string>& paths) {
+  const std::size_t before = objects_.size();
+  try {
+    for (const std::string& path : paths) load(path);
+  } catch (const PluginLoadError&) {
+    while (objects_.size() > before) {
+      close(*objects_.back());
+      objects_.pop_back();
+    }
+    throw;
+  }
 }
 
 void PluginHost::runInitCallers(Acl::PluginContext* context) {
@@ -78,7 +100,7 @@ void PluginHost::unloadAll() {
     if (!errors.empty()) errors += "; ";
     errors += error;
   }
-  if (!errors.empty()) throw PluginLoadError(errors);
+  if (!errors.empty()) throw PluginUnloadError(errors);
 }
 
 std::vector<std::string> PluginHost::paths() const {

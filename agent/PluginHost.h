@@ -14,7 +14,8 @@
 // caller of a closed object is ever run; the object's static destructors,
 // run by `dlclose`, tear its plugins down.
 //
-// Loading a path that is already open changes nothing. An object that stays
+// Loading a path that is already open changes nothing. An object that
+// registers no plugin is closed again and refused. An object that stays
 // mapped after its close (it cannot be unloaded) is reported as an error once
 // it has been dropped: the plugin's static objects then live on, but the
 // loader never starts them again.
@@ -31,9 +32,16 @@
 
 namespace AclAgent {
 
-// A plugin shared object could not be opened or closed; the text carries
-// the dynamic loader's own message.
+// A plugin shared object could not be opened, or is not a plugin; the text
+// names the object and carries the dynamic loader's own message.
 class PluginLoadError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A plugin shared object could not be closed, or stayed mapped after its
+// close. Its plugins are dropped all the same: the text names the object.
+class PluginUnloadError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -47,16 +55,23 @@ class PluginHost {
   PluginHost& operator=(const PluginHost&) = delete;
 
   // Opens the shared object at `path`, whose static objects register its
-  // plugins with the loader. Raises `PluginLoadError` with the dynamic
-  // loader's message when it cannot be opened; nothing changes then.
+  // plugins with the loader. `path` is used as given: one without a slash is
+  // looked up the dynamic loader's way. Raises `PluginLoadError` with the
+  // dynamic loader's message when it cannot be opened, or when it registers
+  // no plugin; nothing changes then.
   void load(const std::string& path);
+
+  // Opens every object of `paths`, in order, or none: when one cannot be
+  // opened, those this call opened are closed again before the error
+  // propagates.
+  void loadAll(const std::vector<std::string>& paths);
 
   // Runs the init caller of every plugin of every open object, in the order
   // they registered, with `context`.
   // REQUIRES: `context` is not null (raises `std::invalid_argument`).
   void runInitCallers(Acl::PluginContext* context);
 
-  // Closes every open object, newest first. Raises `PluginLoadError` after
+  // Closes every open object, newest first. Raises `PluginUnloadError` after
   // all are closed when any of them could not be closed or stayed mapped.
   void unloadAll();
 

@@ -1,6 +1,7 @@
 #include "agent/Scenario.h"
 
 #include <cstdio>
+#include <functional>
 #include <limits>
 
 namespace AclAgent {
@@ -114,8 +115,8 @@ Token readToken(std::string_view line, std::size_t pos) {
       token.index = std::string(line.substr(pos + 1, end - pos - 1));
       pos = end;
     } else if (pos < line.size() && !isSpace(line[pos])) {
-      throw SyntaxError{"unexpected " + quoteName(line.substr(pos, bareEnd(line, pos) - pos)) +
-                        " after the closing quote of " + quoteName(token.text)};
+      throw SyntaxError{"unexpected " + shownName(line.substr(pos, bareEnd(line, pos) - pos)) +
+                        " after the closing quote of " + shownName(token.text)};
     }
     token.end = pos;
     return token;
@@ -123,7 +124,7 @@ Token readToken(std::string_view line, std::size_t pos) {
   const std::size_t end = bareEnd(line, pos);
   token.text = std::string(line.substr(pos, end - pos));
   if (token.text.find('"') != std::string::npos) {
-    throw SyntaxError{"unexpected '\"' inside " + quoteName(token.text) +
+    throw SyntaxError{"unexpected '\"' inside " + shownName(token.text) +
                       " (a quoted name must stand as a token of its own)"};
   }
   token.end = end;
@@ -133,16 +134,6 @@ Token readToken(std::string_view line, std::size_t pos) {
 std::size_t skipSpace(std::string_view line, std::size_t pos) {
   while (pos < line.size() && isSpace(line[pos])) ++pos;
   return pos;
-}
-
-std::vector<Token> tokenize(std::string_view line, std::size_t pos) {
-  std::vector<Token> tokens;
-  while (true) {
-    pos = skipSpace(line, pos);
-    if (pos >= line.size() || line[pos] == '#') return tokens;
-    tokens.push_back(readToken(line, pos));
-    pos = tokens.back().end;
-  }
 }
 
 // The text of an echo line after the first separator, without its comment and
@@ -182,13 +173,15 @@ std::uint64_t parseNumber(const std::string& text, std::uint64_t max, const std:
                           const std::string& context = "") {
   const std::string range = "0.." + std::to_string(max);
   if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-    throw SyntaxError{"bad " + what + " " + quoteName(text) + context + " (expected a number " +
+    throw SyntaxError{"bad " + what + " " + shownName(text) + context + " (expected a number " +
                       range + ")"};
   }
   std::uint64_t value = 0;
   for (char c : text) {
     value = value * 10 + static_cast<std::uint64_t>(c - '0');
-    if (value > max) throw SyntaxError{what + " " + text + " is out of range " + range};
+    if (value > max) {
+      throw SyntaxError{what + " " + shownText(text) + " is out of range " + range};
+    }
   }
   return value;
 }
@@ -207,7 +200,7 @@ std::int64_t parseDuration(const std::string& text) {
     if (fraction.empty()) i = std::string::npos;
   }
   if (whole.empty() || i == std::string::npos) {
-    throw SyntaxError{"bad duration " + quoteName(text) +
+    throw SyntaxError{"bad duration " + shownName(text) +
                       " (expected a number and a unit: " + std::string(kUnits) + ")"};
   }
   const std::string unit = text.substr(i);
@@ -221,10 +214,10 @@ std::int64_t parseDuration(const std::string& text) {
   } else if (unit == "s") {
     zeros = 9;
   } else if (unit.empty()) {
-    throw SyntaxError{"missing unit in duration " + quoteName(text) + " (expected " +
+    throw SyntaxError{"missing unit in duration " + shownName(text) + " (expected " +
                       std::string(kUnits) + ")"};
   } else {
-    throw SyntaxError{"unknown unit " + quoteName(unit) + " in duration " + quoteName(text) +
+    throw SyntaxError{"unknown unit " + shownName(unit) + " in duration " + shownName(text) +
                       " (expected " + std::string(kUnits) + ")"};
   }
   // Shift the decimal point `zeros` places right, exactly, then round on the
@@ -234,7 +227,8 @@ std::int64_t parseDuration(const std::string& text) {
   digits.append(zeros - taken, '0');
   const bool roundUp = fraction.size() > zeros && fraction[zeros] >= '5';
   constexpr std::uint64_t kMax = std::numeric_limits<std::int64_t>::max();
-  const SyntaxError tooLong{"duration " + quoteName(text) + " is too long"};
+  const SyntaxError tooLong{"duration " + shownName(text) + " is too long (the longest is " +
+                            std::to_string(kMax) + "ns, about 292 years)"};
   std::uint64_t ns = 0;
   for (char c : digits) {
     const auto digit = static_cast<std::uint64_t>(c - '0');
@@ -245,21 +239,43 @@ std::int64_t parseDuration(const std::string& text) {
   return static_cast<std::int64_t>(ns);
 }
 
-// The arguments of one command, taken in order.
+// The arguments of one command, read from its line one token at a time, so
+// that a line of a million words costs no more than its first surplus one.
 class Args {
  public:
-  Args(const std::vector<Token>& tokens, std::string command)
-      : tokens_(tokens), command_(std::move(command)) {}
+  // `start`: where the command's name begins in `line`.
+  Args(std::string_view line, std::size_t start) : line_(line), start_(start), pos_(start) {
+    first_ = take("command");
+  }
 
-  bool more() const { return next_ < tokens_.size(); }
+  // The command's name, as the first token.
+  const Token& command() const { return first_; }
+
+  bool more() {
+    pos_ = skipSpace(line_, pos_);
+    return pos_ < line_.size() && line_[pos_] != '#';
+  }
 
   // The next token's text; `what` names it when it is missing.
-  const std::string& word(const std::string& what) {
+  std::string word(const std::string& what) {
     const Token& token = take(what);
     if (token.index) {
-      throw SyntaxError{"unexpected link index after " + quoteName(token.text) + " in " + command_};
+      throw SyntaxError{"unexpected link index after " + shownName(token.text) +
+                        " (only a link takes one)"};
     }
     return token.text;
+  }
+
+  // An interface name: a bare `#` would read as a link index in a link, so a
+  // bare name that holds one is refused rather than read another way here.
+  std::string intfName() {
+    std::string name = word("interface name");
+    if (!last_.quoted && name.find('#') != std::string::npos) {
+      throw SyntaxError{"interface name " + shownName(name) +
+                        " holds '#', which in a link starts its index; quote the name (" +
+                        shownName(name) + ") to keep the '#' in it"};
+    }
+    return name;
   }
 
   LinkName link() {
@@ -277,7 +293,7 @@ class Args {
     if (index) {
       // The link as written, for messages.
       const std::string shown =
-          token.quoted ? quoteName(token.text) + "#" + *index : quoteName(token.text);
+          token.quoted ? shownName(token.text) + "#" + shownText(*index) : shownName(token.text);
       if (index->empty()) throw SyntaxError{"missing link index after '#' in " + shown};
       name.index = static_cast<std::uint32_t>(parseNumber(
           *index, std::numeric_limits<std::uint32_t>::max(), "link index", " in " + shown));
@@ -285,24 +301,37 @@ class Args {
     return name;
   }
 
-  void extend(const std::string& word) { command_ += " " + word; }
+  // The words read so far, as written: "link del Ethernet1".
+  std::string consumed() const { return shownText(line_.substr(start_, last_.end - start_)); }
 
-  void end() const {
-    if (more()) {
-      throw SyntaxError{"unexpected argument " + quoteName(tokens_[next_].text) + " after " +
-                        command_};
-    }
+  void end() {
+    if (!more()) return;
+    const Token extra = readToken(line_, pos_);
+    throw SyntaxError{"unexpected argument " + shownName(extra.text) + " after " + consumed()};
   }
 
  private:
   const Token& take(const std::string& what) {
-    if (!more()) throw SyntaxError{"missing " + what};
-    return tokens_[next_++];
+    if (!more()) {
+      std::string message = "missing " + what;
+      if (pos_ < line_.size()) {
+        // A word that starts with '#' starts a comment, which can swallow an
+        // argument meant to be a name: say so.
+        message += " (" + shownName(line_.substr(pos_)) +
+                   " is a comment: quote a name that starts with '#')";
+      }
+      throw SyntaxError{std::move(message)};
+    }
+    last_ = readToken(line_, pos_);
+    pos_ = last_.end;
+    return last_;
   }
 
-  const std::vector<Token>& tokens_;
-  std::size_t next_ = 1;
-  std::string command_;
+  std::string_view line_;
+  std::size_t start_;
+  std::size_t pos_;
+  Token first_;
+  Token last_;
 };
 
 // "a, b or c".
@@ -323,126 +352,131 @@ std::string keyword(Args& args, const std::string& what,
                     std::initializer_list<std::string_view> choices) {
   const std::string expected = " (expected " + choiceList(choices) + ")";
   if (!args.more()) throw SyntaxError{"missing " + what + expected};
-  const std::string& word = args.word(what);
+  const std::string word = args.word(what);
   for (std::string_view choice : choices) {
-    if (word == choice) {
-      args.extend(word);
-      return word;
-    }
+    if (word == choice) return word;
   }
-  throw SyntaxError{"unknown " + what + " " + quoteName(word) + expected};
+  throw SyntaxError{"unknown " + what + " " + shownName(word) + expected};
 }
 
 StatePath path(Args& args) {
   const std::string expected = " (expected one of " + statePathList() + ")";
   if (!args.more()) throw SyntaxError{"missing path" + expected};
-  const std::string& word = args.word("path");
+  const std::string word = args.word("path");
   if (auto p = statePathNamed(word)) return *p;
-  throw SyntaxError{"unknown path " + quoteName(word) + expected};
+  throw SyntaxError{"unknown path " + shownName(word) + expected};
 }
 
-CommandArgs parseCommand(const std::vector<Token>& tokens) {
-  const std::string& name = tokens[0].text;
-  if (tokens[0].index) {
-    throw SyntaxError{"unknown command " + quoteName(name + "#" + *tokens[0].index)};
+// One parser a command; each reads its arguments from `args`.
+using CommandParser = CommandArgs (*)(Args& args);
+
+CommandArgs parseConfig(Args& args) {
+  if (keyword(args, "config setting", {"gateway-enabled", "gateway-setting"}) ==
+      "gateway-setting") {
+    return GatewaySettingCmd{static_cast<std::uint16_t>(
+        parseNumber(args.word("gateway setting"), 65535, "gateway setting"))};
   }
-  Args args(tokens, name);
-  CommandArgs result;
-  if (name == "config") {
-    const std::string setting =
-        keyword(args, "config setting", {"gateway-enabled", "gateway-setting"});
-    if (setting == "gateway-enabled") {
-      if (!args.more())
-        throw SyntaxError{"missing value for gateway-enabled (expected true or false)"};
-      const std::string& value = args.word("value");
-      if (value != "true" && value != "false") {
-        throw SyntaxError{"bad value " + quoteName(value) +
-                          " for gateway-enabled (expected true or false)"};
-      }
-      result = GatewayEnabledCmd{value == "true"};
-    } else {
-      result = GatewaySettingCmd{static_cast<std::uint16_t>(
-          parseNumber(args.word("gateway setting"), 65535, "gateway setting"))};
-    }
-  } else if (name == "link") {
-    const std::string op = keyword(args, "link operation", {"set", "replace", "del"});
-    LinkName link = args.link();
-    if (op == "del") {
-      result = LinkDelCmd{std::move(link)};
-    } else {
-      const auto state =
-          static_cast<std::uint8_t>(parseNumber(args.word("link state"), 255, "link state"));
-      if (op == "set") {
-        result = LinkSetCmd{std::move(link), state};
-      } else {
-        result = LinkReplaceCmd{std::move(link), state};
-      }
-    }
-  } else if (name == "intf") {
-    const std::string op = keyword(args, "intf operation", {"set", "replace", "del"});
-    std::string intf = args.word("interface name");
-    if (op == "del") {
-      result = IntfDelCmd{std::move(intf)};
-    } else if (op == "set") {
-      result = IntfSetCmd{std::move(intf), args.word("VRF name")};
-    } else {
-      result = IntfReplaceCmd{std::move(intf), args.word("VRF name")};
-    }
-  } else if (name == "vrf") {
-    const std::string op = keyword(args, "vrf operation", {"add", "del"});
-    const VrfView view = keyword(args, "VRF view", {"global", "local"}) == "global"
-                             ? VrfView::kGlobal
-                             : VrfView::kLocal;
-    if (op == "add") {
-      result = VrfAddCmd{view, args.word("VRF name")};
-    } else {
-      result = VrfDelCmd{view, args.word("VRF name")};
-    }
-  } else if (name == "omit") {
-    result = OmitCmd{path(args)};
-  } else if (name == "recreate") {
-    result = RecreateCmd{path(args)};
-  } else if (name == "load") {
-    result = LoadCmd{};
-  } else if (name == "unload") {
-    result = UnloadCmd{};
-  } else if (name == "remount") {
-    Korvel::MountStatus status = Korvel::MountStatus::kSuccess;
-    if (args.more()) {
-      const std::string& word = args.word("mount status");
-      if (word == "failed") {
-        status = Korvel::MountStatus::kFailed;
-      } else if (word != "ok") {
-        throw SyntaxError{"bad mount status " + quoteName(word) + " (expected ok or failed)"};
-      }
-    }
-    result = RemountCmd{status};
-  } else if (name == "advance") {
-    if (!args.more()) throw SyntaxError{"missing duration (for example 10ms)"};
-    result = AdvanceCmd{parseDuration(args.word("duration"))};
-  } else if (name == "settle") {
-    result = SettleCmd{};
-  } else if (name == "clear") {
-    if (!args.more()) throw SyntaxError{"missing what to clear (expected calls)"};
-    const std::string& word = args.word("what to clear");
-    if (word != "calls") throw SyntaxError{"cannot clear " + quoteName(word) + " (expected calls)"};
-    result = ClearCallsCmd{};
-  } else if (name == "show") {
-    const std::string expected = " (expected " + showWordList() + ")";
-    if (!args.more()) throw SyntaxError{"missing show word" + expected};
-    const std::string& word = args.word("show word");
-    const ShowEntry* found = nullptr;
-    for (const ShowEntry& entry : kShowWords) {
-      if (entry.word == word) found = &entry;
-    }
-    if (!found) throw SyntaxError{"unknown show word " + quoteName(word) + expected};
-    args.extend(word);
-    result = ShowCmd{found->what};
-  } else {
-    throw SyntaxError{"unknown command " + quoteName(name)};
+  if (!args.more()) throw SyntaxError{"missing value for gateway-enabled (expected true or false)"};
+  const std::string value = args.word("value");
+  if (value != "true" && value != "false") {
+    throw SyntaxError{"bad value " + shownName(value) +
+                      " for gateway-enabled (expected true or false)"};
   }
-  args.end();
-  return result;
+  return GatewayEnabledCmd{value == "true"};
+}
+
+CommandArgs parseLink(Args& args) {
+  const std::string op = keyword(args, "link operation", {"set", "replace", "del"});
+  LinkName link = args.link();
+  if (op == "del") return LinkDelCmd{std::move(link)};
+  const auto state =
+      static_cast<std::uint8_t>(parseNumber(args.word("link state"), 255, "link state"));
+  if (op == "set") return LinkSetCmd{std::move(link), state};
+  return LinkReplaceCmd{std::move(link), state};
+}
+
+CommandArgs parseIntf(Args& args) {
+  const std::string op = keyword(args, "intf operation", {"set", "replace", "del"});
+  std::string intf = args.intfName();
+  if (op == "del") return IntfDelCmd{std::move(intf)};
+  if (op == "set") return IntfSetCmd{std::move(intf), args.word("VRF name")};
+  return IntfReplaceCmd{std::move(intf), args.word("VRF name")};
+}
+
+CommandArgs parseVrf(Args& args) {
+  const std::string op = keyword(args, "vrf operation", {"add", "del"});
+  const VrfView view = keyword(args, "VRF view", {"global", "local"}) == "global" ? VrfView::kGlobal
+                                                                                  : VrfView::kLocal;
+  if (op == "add") return VrfAddCmd{view, args.word("VRF name")};
+  return VrfDelCmd{view, args.word("VRF name")};
+}
+
+CommandArgs parseRemount(Args& args) {
+  if (!args.more()) return RemountCmd{Korvel::MountStatus::kSuccess};
+  const std::string word = args.word("mount status");
+  if (word == "failed") return RemountCmd{Korvel::MountStatus::kFailed};
+  if (word != "ok") {
+    throw SyntaxError{"bad mount status " + shownName(word) + " (expected ok or failed)"};
+  }
+  return RemountCmd{Korvel::MountStatus::kSuccess};
+}
+
+CommandArgs parseAdvance(Args& args) {
+  if (!args.more()) throw SyntaxError{"missing duration (for example 10ms)"};
+  return AdvanceCmd{parseDuration(args.word("duration"))};
+}
+
+CommandArgs parseClear(Args& args) {
+  if (!args.more()) throw SyntaxError{"missing what to clear (expected calls)"};
+  const std::string word = args.word("what to clear");
+  if (word != "calls") throw SyntaxError{"cannot clear " + shownName(word) + " (expected calls)"};
+  return ClearCallsCmd{};
+}
+
+CommandArgs parseShow(Args& args) {
+  const std::string expected = " (expected " + showWordList() + ")";
+  if (!args.more()) throw SyntaxError{"missing show word" + expected};
+  const std::string word = args.word("show word");
+  for (const ShowEntry& entry : kShowWords) {
+    if (entry.word == word) return ShowCmd{entry.what};
+  }
+  throw SyntaxError{"unknown show word " + shownName(word) + expected};
+}
+
+struct CommandEntry {
+  std::string_view name;
+  CommandParser parse;
+};
+// Every command but echo, whose line is not split into tokens.
+constexpr CommandEntry kCommands[] = {
+    {"config", parseConfig},
+    {"link", parseLink},
+    {"intf", parseIntf},
+    {"vrf", parseVrf},
+    {"omit", [](Args& args) -> CommandArgs { return OmitCmd{path(args)}; }},
+    {"recreate", [](Args& args) -> CommandArgs { return RecreateCmd{path(args)}; }},
+    {"load", [](Args&) -> CommandArgs { return LoadCmd{}; }},
+    {"unload", [](Args&) -> CommandArgs { return UnloadCmd{}; }},
+    {"remount", parseRemount},
+    {"advance", parseAdvance},
+    {"settle", [](Args&) -> CommandArgs { return SettleCmd{}; }},
+    {"clear", parseClear},
+    {"show", parseShow},
+};
+
+CommandArgs parseCommand(std::string_view line, std::size_t start) {
+  Args args(line, start);
+  const Token& name = args.command();
+  if (!name.index) {
+    for (const CommandEntry& entry : kCommands) {
+      if (entry.name != name.text) continue;
+      CommandArgs result = entry.parse(args);
+      args.end();
+      return result;
+    }
+  }
+  throw SyntaxError{"unknown command " +
+                    shownName(name.index ? name.text + "#" + *name.index : name.text)};
 }
 
 }  // namespace
@@ -472,6 +506,17 @@ std::string quoteName(std::string_view text) {
   return Zov::quotedText(text);
 }
 
+std::string shownName(std::string_view text) {
+  if (text.size() <= kShownBytes) return quoteName(text);
+  return quoteName(text.substr(0, kShownBytes)) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
+std::string shownText(std::string_view text) {
+  if (text.size() <= kShownBytes) return std::string(text);
+  return std::string(text.substr(0, kShownBytes)) + "... (" + std::to_string(text.size()) +
+         " bytes)";
+}
+
 ParsedLine parseLine(std::string_view line, const std::string& file, unsigned lineNumber) {
   ParsedLine parsed;
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
@@ -486,24 +531,41 @@ ParsedLine parseLine(std::string_view line, const std::string& file, unsigned li
       parsed.command = Command{lineNumber, EchoCmd{echoText(line.substr(rest))}};
       return parsed;
     }
-    parsed.command = Command{lineNumber, parseCommand(tokenize(line, start))};
+    parsed.command = Command{lineNumber, parseCommand(line, start)};
   } catch (const SyntaxError& e) {
     parsed.error = ParseError{file, lineNumber, e.message};
   }
   return parsed;
 }
 
-ParsedScenario parseScenario(std::string_view text, const std::string& file) {
-  ParsedScenario parsed;
+std::string_view withoutByteOrderMark(std::string_view text) {
+  constexpr std::string_view kMark = "\xef\xbb\xbf";
+  if (text.substr(0, kMark.size()) == kMark) text.remove_prefix(kMark.size());
+  return text;
+}
+
+bool parseEachLine(std::string_view text, const std::string& file,
+                   const std::function<bool(ParsedLine&)>& each) {
+  text = withoutByteOrderMark(text);
   unsigned lineNumber = 0;
   while (!text.empty()) {
     const std::size_t newline = text.find('\n');
     const std::string_view line = text.substr(0, newline);
     text.remove_prefix(newline == std::string_view::npos ? text.size() : newline + 1);
     ParsedLine result = parseLine(line, file, ++lineNumber);
-    if (result.error) parsed.errors.push_back(std::move(*result.error));
-    if (result.command) parsed.commands.push_back(std::move(*result.command));
+    if ((result.command || result.error) && !each(result)) return false;
   }
+  return true;
+}
+
+ParsedScenario parseScenario(std::string_view text, const std::string& file) {
+  ParsedScenario parsed;
+  parseEachLine(text, file, [&](ParsedLine& line) {
+    if (line.error) parsed.errors.push_back(std::move(*line.error));
+    // Once a line has failed, no command is kept.
+    if (line.command && parsed.ok()) parsed.commands.push_back(std::move(*line.command));
+    return true;
+  });
   if (!parsed.ok()) parsed.commands.clear();
   return parsed;
 }

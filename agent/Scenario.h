@@ -37,6 +37,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -177,10 +178,6 @@ struct ParsedScenario {
   bool ok() const { return errors.empty(); }
 };
 
-// Parses a whole scenario. Lines end in "\n" (a "\r" before it is dropped);
-// a last line without one counts as well.
-ParsedScenario parseScenario(std::string_view text, const std::string& file);
-
 // One line of a scenario: a command, nothing (blank or comment) or an error.
 struct ParsedLine {
   std::optional<Command> command;
@@ -188,9 +185,33 @@ struct ParsedLine {
 };
 ParsedLine parseLine(std::string_view line, const std::string& file, unsigned lineNumber);
 
+// Parses a scenario line by line, calling `each` with every line that holds a
+// command or an error, in order; stops early, returning false, when `each`
+// returns false. Lines end in "\n" (a "\r" before it is dropped); a last
+// line without one counts as well. A UTF-8 byte-order mark at the start of
+// `text` is skipped. Nothing is kept between lines, so a caller that keeps
+// nothing either (it checks a file, then parses it again to run it) needs no
+// memory beyond the text itself.
+bool parseEachLine(std::string_view text, const std::string& file,
+                   const std::function<bool(ParsedLine&)>& each);
+
+// Parses a whole scenario into its commands, or every error and no command.
+ParsedScenario parseScenario(std::string_view text, const std::string& file);
+
+// `text` without a UTF-8 byte-order mark at its start.
+std::string_view withoutByteOrderMark(std::string_view text);
+
 // `text` double-quoted with the language's escapes: \" \\ \n \t, and \xHH for
 // every other byte outside printable ASCII. `parseLine` reads it back as
 // `text`.
 std::string quoteName(std::string_view text);
+
+// Texts in messages are cut to this many bytes.
+constexpr std::size_t kShownBytes = 40;
+// `quoteName(text)` for a message: a text over `kShownBytes` shows its start
+// and its length, as in "abc"... (150 bytes).
+std::string shownName(std::string_view text);
+// The same for a text shown as written, without quotes.
+std::string shownText(std::string_view text);
 
 }  // namespace AclAgent

@@ -4,12 +4,19 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <thread>
 
 namespace Pell {
 
 Nanoseconds nanoseconds(Zov::Seconds seconds) {
-  return static_cast<Nanoseconds>(std::llround(seconds * 1e9));
+  const double ns = seconds * 1e9;
+  if (std::isnan(ns)) return 0;
+  // 2^63 is the first double beyond the range; everything below it converts.
+  constexpr double kLimit = 9223372036854775808.0;
+  if (ns >= kLimit) return kEndOfTime;
+  if (ns <= -kLimit) return -kEndOfTime;
+  return static_cast<Nanoseconds>(std::llround(ns));
 }
 
 Zov::Ptr<TaskSchedulerRoot> TaskSchedulerRoot::findOrCreateScheduler() {
@@ -82,7 +89,13 @@ bool TaskSchedulerRoot::runNext(Nanoseconds limit) {
 }
 
 void TaskSchedulerRoot::advance(Nanoseconds duration) {
-  const Nanoseconds end = now() + duration;
+  const Nanoseconds start = now();
+  if (duration < 0 || duration > kEndOfTime - start) {
+    throw Zov::RangeException("the clock cannot advance by " + std::to_string(duration) +
+                              "ns from " + std::to_string(start) + "ns: it ends at " +
+                              std::to_string(kEndOfTime) + "ns (about 292 years)");
+  }
+  const Nanoseconds end = start + duration;
   while (runNext(end)) {
   }
   waitUntil(end);
@@ -101,7 +114,9 @@ TimerTask::~TimerTask() {
 
 void TimerTask::scheduleTaskLowestDelay(Zov::Seconds delay) {
   TaskScheduler& scheduler = *taskScheduler();
-  const Nanoseconds due = scheduler.now() + std::max<Nanoseconds>(0, nanoseconds(delay));
+  const Nanoseconds now = scheduler.now();
+  const Nanoseconds wait = std::max<Nanoseconds>(0, nanoseconds(delay));
+  const Nanoseconds due = wait > kEndOfTime - now ? kEndOfTime : now + wait;
   if (armed_ && due_ <= due) return;
   scheduler.taskArmIs(this, due);
 }

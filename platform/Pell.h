@@ -12,7 +12,8 @@
 //   reactor->notifierIs(task.ptr());                 // the reactor hears 130
 //   task->scheduleTaskLowestDelay(0.01);             // runs 10 ms from now
 //
-// Time is kept in integer nanoseconds. The clock is a seam: by default it is
+// Time is kept in integer nanoseconds, from 0 to `kEndOfTime` (about 292
+// years). The clock is a seam: by default it is
 // virtual and moves only when the loop is told to (`advance`, `settle`), so
 // every run is repeatable; `wallClockIs(true)` puts the loop on real time.
 // Tasks due at the same moment run by priority (higher value first), then in
@@ -22,6 +23,7 @@
 #pragma once
 
 #include <chrono>
+#include <limits>
 #include <set>
 
 #include "platform/Zov.h"
@@ -31,7 +33,13 @@ namespace Pell {
 // Nanoseconds since the loop's epoch.
 using Nanoseconds = std::int64_t;
 
-// Rounds a duration in seconds to the nearest nanosecond.
+// The last moment the clock can show. The clock never moves past it: an
+// `advance` that would is refused, and a task armed with a delay that reaches
+// beyond it is due at it.
+constexpr Nanoseconds kEndOfTime = std::numeric_limits<Nanoseconds>::max();
+
+// Rounds a duration in seconds to the nearest nanosecond, saturating at
+// -`kEndOfTime` and `kEndOfTime`; not-a-number is 0.
 Nanoseconds nanoseconds(Zov::Seconds seconds);
 
 // The order among tasks due at the same moment: a higher value runs first.
@@ -74,6 +82,8 @@ class TaskSchedulerRoot : public TaskScheduler {
   // clock at now + `duration`. On the wall clock it sleeps until each due time.
   // An exception from a task's run propagates; the loop stays usable and the
   // clock stays at that task's due time.
+  // REQUIRES: 0 <= `duration` <= `kEndOfTime` - now(); otherwise raises
+  // `Zov::RangeException` naming the limit, and nothing runs or moves.
   void advance(Nanoseconds duration);
   // Runs tasks until none is armed. Returns false when it gave up after
   // `maxRuns` runs (a task that keeps re-arming itself).
@@ -148,7 +158,8 @@ class TimerTask : public Task {
   ~TimerTask() override;
 
   // Arms the task to run `delay` from now; when it is already armed to run
-  // sooner than that, it keeps its time (the lower delay wins).
+  // sooner than that, it keeps its time (the lower delay wins). A negative
+  // delay is 0; one that reaches past `kEndOfTime` is due at `kEndOfTime`.
   void scheduleTaskLowestDelay(Zov::Seconds delay);
   // Disarms the task; an idle task stays idle.
   void stopTimerTask();

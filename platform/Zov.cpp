@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
 
 namespace Zov {
 
@@ -31,6 +32,10 @@ void throwNewEntityArgsException(FwkType type) {
 
 void throwRangeException(const char* text) {
   throw RangeException(text);
+}
+
+void throwRangeException(const char* text, std::string_view value, std::size_t limit) {
+  throw RangeException(text, value, limit);
 }
 
 namespace Impl {
@@ -246,6 +251,7 @@ namespace {
 struct TraceRegistry {
   std::vector<TraceHandle*> handles;
   std::map<std::string, std::uint16_t, std::less<>> pending;
+  std::set<std::string, std::less<>> made;
   TraceSink sink = [](const TraceRecord& r) {
     std::fprintf(stderr, "trace %s/%u %s:%d %s: %s\n", r.handle.c_str(), r.level, r.file.c_str(),
                  r.line, r.function.c_str(), r.text.c_str());
@@ -264,6 +270,7 @@ TraceHandle::TraceHandle(const char* name, bool enabled) : name_(name) {
     levels_ |= it->second;
   }
   registry.handles.push_back(this);
+  registry.made.emplace(name);
 }
 
 TraceHandle::~TraceHandle() {
@@ -281,6 +288,11 @@ TraceHandle* TraceHandle::find(std::string_view name) {
     if (name == h->name()) return h;
   }
   return nullptr;
+}
+
+std::vector<std::string> TraceHandle::namesMade() {
+  const auto& made = traceRegistry().made;
+  return {made.begin(), made.end()};
 }
 
 void TraceHandle::levelsByNameIs(std::string_view name, std::uint16_t levels) {

@@ -87,9 +87,32 @@ class NewEntityArgsException : public Exception {
 };
 
 // A value is outside its range (for instance a bounded string made too long).
+// When the value is a text over a length limit, the exception also carries
+// the start of the text, its length and the limit, so that whoever reports it
+// can name the value without the message changing.
 class RangeException : public Exception {
  public:
+  // The most of an offending text that is kept.
+  static constexpr std::size_t kValueKept = 40;
+
   using Exception::Exception;
+  RangeException(const std::string& text, std::string_view value, std::size_t limit)
+      : Exception(text),
+        value_(value.substr(0, kValueKept)),
+        length_(value.size()),
+        limit_(limit) {}
+
+  // The first `kValueKept` bytes of the offending text; empty when unknown.
+  const std::string& value() const { return value_; }
+  // The offending text's length in bytes, and the limit it broke; both 0
+  // when the error is not about a length.
+  std::size_t length() const { return length_; }
+  std::size_t limit() const { return limit_; }
+
+ private:
+  std::string value_;
+  std::size_t length_ = 0;
+  std::size_t limit_ = 0;
 };
 
 // Identifies a registered type: its module and its index there. A type that
@@ -107,6 +130,8 @@ struct FwkType {
                                                       AttributeId id);
 [[noreturn]] void throwNewEntityArgsException(FwkType type);
 [[noreturn]] void throwRangeException(const char* text);
+// The same, for `value` over a length limit of `limit` bytes.
+[[noreturn]] void throwRangeException(const char* text, std::string_view value, std::size_t limit);
 namespace Impl {
 [[noreturn]] void throwMutatorReinstantiating(FwkType type, AttributeId id,
                                               const PtrInterface* offered,
@@ -355,7 +380,9 @@ class BoundedString : public String {
 
  private:
   static const String& checked(const String& s) {
-    if (s.bytes() > MaxLength) throwRangeException("Zov::String::bytes > maxLength() not allowed");
+    if (s.bytes() > MaxLength) {
+      throwRangeException("Zov::String::bytes > maxLength() not allowed", s.view(), MaxLength);
+    }
     return s;
   }
 };

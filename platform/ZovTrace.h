@@ -35,6 +35,9 @@ class TraceHandle {
 
   // The live handle with this name, or null.
   static TraceHandle* find(std::string_view name);
+  // The names of every handle made in this process so far, live or not, in
+  // bytewise order.
+  static std::vector<std::string> namesMade();
   // Sets the levels of the handle with this name, now if it exists and when
   // it is created otherwise.
   static void levelsByNameIs(std::string_view name, std::uint16_t levels);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/Scenario.h"
+#include "tests/agent/HeapPeak.h"
 
 namespace AclAgent {
 namespace {
@@ -55,8 +56,15 @@ TEST(ScenarioParserTest, Comments) {
   EXPECT_TRUE(parsesTo("load # and more", LoadCmd{}));
   EXPECT_TRUE(parsesTo("load #", LoadCmd{}));
   EXPECT_TRUE(parsesTo(R"(intf set "a #b" red#x # c)", (IntfSetCmd{"a #b", "red#x"})));
-  // A comment that cuts a command short leaves it incomplete.
-  EXPECT_EQ(errorOf("link set Ethernet1 #2 1"), "t.scn:7: error: missing link state");
+  // A comment that cuts a command short leaves it incomplete, and the error
+  // says where the comment began.
+  EXPECT_EQ(errorOf("link set Ethernet1 #2 1"),
+            R"(t.scn:7: error: missing link state ("#2 1" is a comment: quote a name that )"
+            R"(starts with '#'))");
+  EXPECT_EQ(errorOf("link set #3 1"),
+            R"(t.scn:7: error: missing interface name ("#3 1" is a comment: quote a name that )"
+            R"(starts with '#'))");
+  EXPECT_TRUE(parsesTo(R"(link set "#3" 1)", (LinkSetCmd{{"#3", 0}, 1})));
 
   for (const char* line : {"", "   \t", "# note", "   # note \"unterminated"}) {
     ParsedLine result = parseLine(line, "t.scn", 1);
@@ -109,13 +117,20 @@ TEST(ScenarioParserTest, ErrorsNameWhatWasWrong) {
       {"link set a# 1", R"(missing link index after '#' in "a#")"},
       {R"(link set "a b"#x 1)",
        R"(bad link index "x" in "a b"#x (expected a number 0..4294967295))"},
-      {"link del a 1", R"(unexpected argument "1" after link del)"},
+      {"link del a 1", R"(unexpected argument "1" after link del a)"},
+      {"clear calls now", R"(unexpected argument "now" after clear calls)"},
+      {"remount failed twice", R"(unexpected argument "twice" after remount failed)"},
       {"config gateway-enabled yes",
        R"(bad value "yes" for gateway-enabled (expected true or false))"},
       {"config gateway",
        R"(unknown config setting "gateway" (expected gateway-enabled or gateway-setting))"},
       {"intf set a", "missing VRF name"},
-      {R"(intf set "a"#1 red)", R"(unexpected link index after "a" in intf set)"},
+      {R"(intf set "a"#1 red)", R"(unexpected link index after "a" (only a link takes one))"},
+      // A bare '#' means a link index in a link; an interface name does not
+      // quietly read it another way.
+      {"intf set e1#2 red",
+       R"(interface name "e1#2" holds '#', which in a link starts its index; quote the name )"
+       R"(("e1#2") to keep the '#' in it)"},
       {"vrf del local", "missing VRF name"},
       {"recreate cell/0/ip/vrf/status/local",
        R"(unknown path "cell/0/ip/vrf/status/local" (expected one of mdns/config, mdns/status, l3/intf/status, ip/vrf/status/global, ip/vrf/status/local))"},
@@ -127,8 +142,12 @@ TEST(ScenarioParserTest, ErrorsNameWhatWasWrong) {
       {"advance 1m", R"(unknown unit "m" in duration "1m" (expected ns, us, ms or s))"},
       {"advance 1.s", R"(bad duration "1.s" (expected a number and a unit: ns, us, ms or s))"},
       {"advance -1s", R"(bad duration "-1s" (expected a number and a unit: ns, us, ms or s))"},
-      {"advance 9223372036854775808ns", R"(duration "9223372036854775808ns" is too long)"},
-      {"advance 9223372036.8547758075s", R"(duration "9223372036.8547758075s" is too long)"},
+      {"advance 9223372036854775808ns",
+       R"(duration "9223372036854775808ns" is too long (the longest is 9223372036854775807ns, )"
+       R"(about 292 years))"},
+      {"advance 9223372036.8547758075s",
+       R"(duration "9223372036.8547758075s" is too long (the longest is )"
+       R"(9223372036854775807ns, about 292 years))"},
       {R"(intf set "abc\" red)", "unterminated string"},
       {R"(intf set "a\qb" red)", R"(bad escape \q)"},
       {R"(intf set "a\x4" red)", R"(bad escape \x4 (expected two hex digits after \x))"},
@@ -137,6 +156,40 @@ TEST(ScenarioParserTest, ErrorsNameWhatWasWrong) {
   for (const auto& [line, message] : cases) {
     EXPECT_EQ(errorOf(line), "t.scn:7: error: " + message) << line;
   }
+}
+
+TEST(ScenarioParserTest, LongValuesAreCutInMessages) {
+  const std::string name(300, 'n');
+  EXPECT_EQ(errorOf("vrf add global " + name + " extra"),
+            "t.scn:7: error: unexpected argument \"extra\" after vrf add global " +
+                std::string(kShownBytes - 15, 'n') + "... (315 bytes)");
+  EXPECT_EQ(errorOf("show " + name),
+            "t.scn:7: error: unknown show word \"" + std::string(kShownBytes, 'n') +
+                "\"... (300 bytes) (expected calls, rules, iptables, state, types, plugin, sm "
+                "or watchers)");
+}
+
+// A line of millions of words is read only as far as its first surplus
+// one, and a file checked line by line keeps nothing of the lines it read.
+TEST(ScenarioParserTest, ParsingCostsLittleMoreThanTheText) {
+  if (!HeapPeak::available()) GTEST_SKIP() << "heap measurement needs AddressSanitizer";
+  std::string line = "load";
+  for (int i = 0; i < 3'000'000; ++i) line += " x";
+  {
+    HeapPeak peak;
+    EXPECT_EQ(errorOf(line), R"(t.scn:7: error: unexpected argument "x" after load)");
+    EXPECT_LT(peak.bytes(), 4096u);
+  }
+  std::string file;
+  for (int i = 0; i < 200'000; ++i) file += "link set Ethernet" + std::to_string(i) + " 1\n";
+  HeapPeak peak;
+  unsigned commands = 0;
+  parseEachLine(file, "big.scn", [&](ParsedLine& parsed) {
+    commands += parsed.command.has_value();
+    return true;
+  });
+  EXPECT_EQ(commands, 200'000u);
+  EXPECT_LT(peak.bytes(), 4096u);
 }
 
 TEST(ScenarioParserTest, AWholeFileParsesBeforeAnythingRuns) {
@@ -153,6 +206,11 @@ TEST(ScenarioParserTest, AWholeFileParsesBeforeAnythingRuns) {
   ASSERT_EQ(bad.errors.size(), 2u);
   EXPECT_EQ(bad.errors[0].text(), R"(s.scn:2: error: unknown command "lnk")");
   EXPECT_EQ(bad.errors[1].text(), "s.scn:4: error: link state 256 is out of range 0..255");
+
+  // A byte-order mark opens a file written by some editors; it is not text.
+  ParsedScenario marked = parseScenario("\xef\xbb\xbfload\n\xef\xbb\xbfload\n", "m.scn");
+  ASSERT_EQ(marked.errors.size(), 1u);
+  EXPECT_EQ(marked.errors[0].line, 2u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <limits>
 #include <string>
 #include <thread>
 
@@ -114,6 +115,31 @@ TEST_F(PellTest, ExceptionFromARunPropagatesAndTheLoopGoesOn) {
   EXPECT_FALSE(thrower->armed());
   root_->advance(50 * kMs);
   EXPECT_THAT(log_, ElementsAre("thrower", "after", "later"));
+}
+
+// The clock ends at kEndOfTime: a delay past it saturates there, and an
+// advance past it is refused before anything runs or moves. (The clock is
+// the process's own, so this test never takes it to the end.)
+TEST_F(PellTest, TheEndOfTimeIsALimitNotAWrapAround) {
+  EXPECT_EQ(Pell::nanoseconds(1e30), Pell::kEndOfTime);
+  EXPECT_EQ(Pell::nanoseconds(-1e30), -Pell::kEndOfTime);
+  EXPECT_EQ(Pell::nanoseconds(std::numeric_limits<double>::quiet_NaN()), 0);
+  EXPECT_EQ(Pell::nanoseconds(0.0105), 10'500'000);
+
+  auto forever = taskIs(1, "forever");
+  auto soon = taskIs(1, "soon");
+  forever->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity());
+  EXPECT_EQ(forever->due(), Pell::kEndOfTime);
+  root_->advance(1);
+  soon->scheduleTaskLowestDelay(0.01);
+  const Pell::Nanoseconds start = root_->now();
+  EXPECT_THROW(root_->advance(Pell::kEndOfTime), Zov::RangeException);
+  EXPECT_THROW(root_->advance(-1), Zov::RangeException);
+  EXPECT_EQ(root_->now(), start);
+  EXPECT_TRUE(log_.empty());
+  root_->advance(10 * kMs);
+  EXPECT_THAT(log_, ElementsAre("soon"));
+  EXPECT_TRUE(forever->armed());
 }
 
 // On the wall clock, arming counts from the real present, however long the loop idled.

@@ -14,6 +14,16 @@ TEST(StringTest, CopiesShareDataAndNamesAreBounded) {
   EXPECT_EQ(L3::VrfName(std::string(100, 'v')).bytes(), 100u);
   EXPECT_EQ(ZovTesting::whatOf<Zov::RangeException>([] { L3::VrfName(std::string(101, 'v')); }),
             "Zov::String::bytes > maxLength() not allowed");
+  // Beside its fixed text, the error carries what a report needs: the start
+  // of the value, its length and the limit.
+  try {
+    L3::VrfName(std::string(60, 'a') + std::string(90, 'b'));
+    ADD_FAILURE() << "a 150-byte VRF name was accepted";
+  } catch (const Zov::RangeException& e) {
+    EXPECT_EQ(e.value(), std::string(Zov::RangeException::kValueKept, 'a'));
+    EXPECT_EQ(e.length(), 150u);
+    EXPECT_EQ(e.limit(), 100u);
+  }
 }
 
 }  // namespace

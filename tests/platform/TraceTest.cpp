@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "platform/Zov.h"
 
 namespace {
@@ -45,6 +47,11 @@ TEST_F(TraceTest, LevelsAskedForByNameApplyWhenTheHandleAppears) {
     EXPECT_EQ(later.levels(), 1u << 3);
   }
   EXPECT_EQ(Zov::TraceHandle::find("TraceTestLater"), nullptr);
+  // Gone, but remembered as made; a name only asked for is not.
+  Zov::TraceHandle::levelsByNameIs("TraceTestNever", 1);
+  const std::vector<std::string> made = Zov::TraceHandle::namesMade();
+  EXPECT_NE(std::find(made.begin(), made.end(), "TraceTestLater"), made.end());
+  EXPECT_EQ(std::find(made.begin(), made.end(), "TraceTestNever"), made.end());
 }
 
 }  // namespace

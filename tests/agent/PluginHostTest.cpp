@@ -1,0 +1,73 @@
+// The plugin host against shared objects that are not what it expects: one
+// that registers no plugin, one that cannot be unmapped, and a load of several
+// objects of which one fails.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "agent/Agent.h"
+#include "agent/PluginHost.h"
+
+namespace AclAgent {
+namespace {
+
+bool mapped(const char* path) {
+  void* handle = dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+  if (handle) dlclose(handle);
+  return handle != nullptr;
+}
+
+bool registered(const char* name) {
+  const auto& registrations = Acl::DefaultPluginLoader()->registrations();
+  return std::any_of(registrations.begin(), registrations.end(),
+                     [&](const Plugin::Impl::Registration& r) { return r.name == name; });
+}
+
+template <class Error, class Run>
+std::string errorOf(Run run) {
+  try {
+    run();
+  } catch (const Error& e) {
+    return e.what();
+  }
+  return "(no error)";
+}
+
+TEST(PluginHostTest, AnObjectThatRegistersNoPluginIsRefusedAndClosed) {
+  PluginHost host;
+  EXPECT_EQ(errorOf<PluginLoadError>([&] { host.load(NO_PLUGIN_PATH); }),
+            std::string("cannot load plugin ") + NO_PLUGIN_PATH +
+                ": it registers no plugin with the Acl loader");
+  EXPECT_FALSE(host.loaded());
+  EXPECT_FALSE(mapped(NO_PLUGIN_PATH));
+}
+
+// A load of several plugins is whole or nothing, so a second load tries them
+// all again instead of going on with those the first one opened.
+TEST(PluginHostTest, ALoadThatFailsPartWayLeavesNothingLoaded) {
+  Agent agent({MCASTDNS_ACL_PLUGIN_PATH, NO_PLUGIN_PATH});
+  const Command load{3, LoadCmd{}};
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_THROW(agent.run(load, std::cout), PluginLoadError) << "attempt " << attempt;
+    EXPECT_FALSE(agent.pluginHost().loaded());
+    EXPECT_FALSE(registered("McastDnsAclPlugin"));
+    EXPECT_FALSE(mapped(MCASTDNS_ACL_PLUGIN_PATH));
+  }
+}
+
+// An object that stays mapped is an unload error, not a load error: the host
+// drops it all the same, and its plugin is never started again.
+TEST(PluginHostTest, AnObjectThatStaysMappedIsReportedAndDropped) {
+  PluginHost host;
+  host.load(STICKY_PLUGIN_PATH);
+  ASSERT_TRUE(registered("StickyPlugin"));
+  EXPECT_EQ(errorOf<PluginUnloadError>([&] { host.unloadAll(); }),
+            std::string("plugin ") + STICKY_PLUGIN_PATH + " stayed loaded after it was closed");
+  EXPECT_FALSE(host.loaded());
+  EXPECT_FALSE(registered("StickyPlugin"));
+  EXPECT_TRUE(mapped(STICKY_PLUGIN_PATH));
+}
+
+}  // namespace
+}  // namespace AclAgent

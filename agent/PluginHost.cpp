@@ -48,6 +48,14 @@ void PluginHost::load(const std::string& path) {
     dlclose(handle);
     return;
   }
+  const std::vector<std::string> refusals = loader_->refusals(object.get());
+  if (!refusals.empty()) {
+    loader_->objectDel(object.get());
+    dlclose(handle);
+    std::string reasons;
+    for (const std::string& r : refusals) reasons += (reasons.empty() ? "" : "; ") + r;
+    throw PluginLoadError("cannot load plugin " + path + ": " + reasons);
+  }
   const auto& registrations = loader_->registrations();
   const bool registered =
       std::any_of(registrations.begin(), registrations.end(),

@@ -58,19 +58,37 @@ std::vector<Korvel::Mounter*> roots() {
   return found;
 }
 
-Zov::GenericValue readNamed(const Zov::PtrInterface& object, std::string_view name) {
-  return Zov::genericIfAttribute(object, Zov::genericIfAttributeInfo(object, name).id);
-}
-
-// The state machines of the roots that have one.
-std::vector<Zov::Ptr<const Zov::PtrInterface>> stateMachines() {
+// The plugin-typed objects that `object` refers to through its readable
+// references: a root's state machines.
+std::vector<Zov::Ptr<const Zov::PtrInterface>> referencedObjects(const Zov::PtrInterface& object) {
   std::vector<Zov::Ptr<const Zov::PtrInterface>> found;
-  for (Korvel::Mounter* root : roots()) {
-    if (auto sm = readNamed(*root, "cpAclSm").asReference<const Zov::PtrInterface>()) {
-      found.push_back(sm);
-    }
+  for (const Zov::AttributeInfo& attribute : Zov::genericIfType(object).attributes) {
+    if (attribute.kind != Zov::AttributeKind::kReference || !attribute.access.read) continue;
+    auto target =
+        Zov::genericIfAttribute(object, attribute.id).asReference<const Zov::PtrInterface>();
+    if (target && target->fwkType().module) found.push_back(target);
   }
   return found;
+}
+
+std::string taskText(const Pell::TimerTask& task) {
+  if (!task.armed()) return "armed=false";
+  const Pell::Nanoseconds dueIn = task.due() - task.taskScheduler()->now();
+  return "armed=true due_in=" + std::to_string(dueIn) + "ns";
+}
+
+// One attribute's value as `show` prints it: a collection by its size, a
+// timer task by its state, anything else by its generic text.
+std::string valueText(const Zov::PtrInterface& object, const Zov::AttributeInfo& attribute) {
+  if (attribute.kind == Zov::AttributeKind::kCollection) {
+    return std::to_string(Zov::genericIfMembers(object, attribute.id).size()) + " members";
+  }
+  const Zov::GenericValue value = Zov::genericIfAttribute(object, attribute.id);
+  if (value.type() == Zov::GenericValue::Type::kReference) {
+    auto object = value.asReference<const Zov::PtrInterface>();
+    if (auto* task = dynamic_cast<const Pell::TimerTask*>(object.ptr())) return taskText(*task);
+  }
+  return value.str();
 }
 
 // Calls `visit(attribute)` for every keyed collection of `object`'s type.
@@ -81,12 +99,20 @@ void forEachCollection(const Zov::PtrInterface& object, Visit&& visit) {
   }
 }
 
-std::string taskText(const Zov::GenericValue& value) {
-  auto task = value.asReference<const Pell::TimerTask>();
-  if (!task) return "none";
-  if (!task->armed()) return "armed=false";
-  const Pell::Nanoseconds dueIn = task->due() - task->taskScheduler()->now();
-  return "armed=true due_in=" + std::to_string(dueIn) + "ns";
+// Whether `show` prints the attribute: what can be read, and collections.
+bool shown(const Zov::AttributeInfo& attribute) {
+  if (attribute.kind == Zov::AttributeKind::kCollection) return attribute.access.members;
+  return attribute.access.read && attribute.kind != Zov::AttributeKind::kOperation;
+}
+
+// "  name=value" for every attribute `show` prints, in the type's order.
+std::string attributesText(const Zov::PtrInterface& object, const char* indent) {
+  std::string text;
+  for (const Zov::AttributeInfo& attribute : Zov::genericIfType(object).attributes) {
+    if (!shown(attribute)) continue;
+    text += std::string(indent) + attribute.name + "=" + valueText(object, attribute) + "\n";
+  }
+  return text;
 }
 
 }  // namespace
@@ -117,55 +143,45 @@ std::string typesText() {
 }
 
 std::string pluginText() {
-  std::ostringstream text;
+  std::string text;
   for (Korvel::Mounter* root : roots()) {
-    const Zov::ZovTypeInfo& type = Zov::genericIfType(*root);
-    text << "plugin " << Zov::GenericValue(Zov::String(root->name())).str() << " type=" << type.name
-         << "\n";
-    for (const Zov::AttributeInfo& attribute : type.attributes) {
-      if (!attribute.access.read) continue;
-      text << "  " << attribute.name << "=" << Zov::genericIfAttribute(*root, attribute.id).str()
-           << "\n";
-    }
+    text += "plugin " + Zov::GenericValue(Zov::String(root->name())).str() +
+            " type=" + Zov::genericIfType(*root).name + "\n" + attributesText(*root, "  ");
   }
-  if (text.str().empty()) return kNoPlugin;
-  return text.str();
+  return text.empty() ? kNoPlugin : text;
 }
 
 std::string smText() {
   if (roots().empty()) return kNoPlugin;
-  std::ostringstream text;
-  for (const auto& sm : stateMachines()) {
-    text << "sm";
-    for (const char* name : {"af", "initialized", "dirtyAcl", "refreshAclsDelay"}) {
-      text << " " << name << "=" << readNamed(*sm, name).str();
-    }
-    text << "\nsm refreshAclsTask " << taskText(readNamed(*sm, "refreshAclsTask"))
-         << "\nsm watchers";
-    forEachCollection(*sm, [&](const Zov::AttributeInfo& collection) {
-      text << " " << collection.name << "=" << Zov::genericIfMembers(*sm, collection.id).size();
-    });
-    text << "\n";
-    for (const char* name : {"mdnsIptRule", "mdnsGwIptRule"}) {
-      text << "sm " << name << "=" << readNamed(*sm, name).str() << "\n";
+  std::string text;
+  for (Korvel::Mounter* root : roots()) {
+    for (const auto& sm : referencedObjects(*root)) {
+      text +=
+          "sm type=" + std::string(Zov::genericIfType(*sm).name) + "\n" + attributesText(*sm, "  ");
     }
   }
-  if (text.str().empty()) return "no state machine\n";
-  return text.str();
+  return text.empty() ? "no state machine\n" : text;
 }
 
 std::string watchersText() {
   if (roots().empty()) return kNoPlugin;
   std::vector<std::string> lines;
-  for (const auto& sm : stateMachines()) {
-    forEachCollection(*sm, [&](const Zov::AttributeInfo& collection) {
-      for (const Zov::GenericValue& member : Zov::genericIfMembers(*sm, collection.id)) {
-        auto watcher = member.asReference<const Zov::PtrInterface>();
-        lines.push_back("watcher " + std::string(collection.name) + " " + collection.keyName + "=" +
-                        readNamed(*watcher, collection.keyName).str() +
-                        " initialized=" + readNamed(*watcher, "initialized").str() + "\n");
-      }
-    });
+  for (Korvel::Mounter* root : roots()) {
+    for (const auto& sm : referencedObjects(*root)) {
+      forEachCollection(*sm, [&](const Zov::AttributeInfo& collection) {
+        for (const Zov::GenericValue& member : Zov::genericIfMembers(*sm, collection.id)) {
+          auto watcher = member.asReference<const Zov::PtrInterface>();
+          std::string line = "watcher " + std::string(collection.name);
+          for (const Zov::AttributeInfo& attribute : Zov::genericIfType(*watcher).attributes) {
+            if (attribute.kind != Zov::AttributeKind::kValue || !attribute.access.read) continue;
+            const Zov::GenericValue value = Zov::genericIfAttribute(*watcher, attribute.id);
+            if (value.type() == Zov::GenericValue::Type::kReference) continue;
+            line += " " + std::string(attribute.name) + "=" + value.str();
+          }
+          lines.push_back(line + "\n");
+        }
+      });
+    }
   }
   if (lines.empty()) return "no watchers\n";
   std::sort(lines.begin(), lines.end());

@@ -3,7 +3,7 @@
 #include <string_view>
 #include <utility>
 
-#include "agent/Scenario.h"
+#include "agent/Text.h"
 
 namespace AclAgent {
 namespace {

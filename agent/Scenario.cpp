@@ -502,21 +502,6 @@ std::string ParseError::text() const {
   return file + ":" + std::to_string(line) + ": error: " + message;
 }
 
-std::string quoteName(std::string_view text) {
-  return Zov::quotedText(text);
-}
-
-std::string shownName(std::string_view text) {
-  if (text.size() <= kShownBytes) return quoteName(text);
-  return quoteName(text.substr(0, kShownBytes)) + "... (" + std::to_string(text.size()) + " bytes)";
-}
-
-std::string shownText(std::string_view text) {
-  if (text.size() <= kShownBytes) return std::string(text);
-  return std::string(text.substr(0, kShownBytes)) + "... (" + std::to_string(text.size()) +
-         " bytes)";
-}
-
 ParsedLine parseLine(std::string_view line, const std::string& file, unsigned lineNumber) {
   ParsedLine parsed;
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);

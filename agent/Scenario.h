@@ -19,12 +19,15 @@
 //   "" is the empty name. A quote inside a bare token is an error, and so is
 //   anything but white space after a closing quote, except a link index.
 // - `#` at the start of a token (first on the line or after white space)
-//   starts a comment that runs to the end of the line. A `#` inside a bare
-//   token or inside quotes is text: `link set Ethernet1#2 1` names link 2 of
-//   Ethernet1, `intf set "a #b" red` the interface "a #b".
+//   starts a comment that runs to the end of the line; when it swallows an
+//   argument, the error says so. A `#` inside quotes is text:
+//   `intf set "a #b" red` names the interface "a #b".
 // - A link is INTF or INTF#N. In a bare token the last `#` separates the index;
 //   a quoted interface name takes the index right after its closing quote
-//   ("Ethernet 1"#2). Interface names that contain `#` must be quoted.
+//   ("Ethernet 1"#2). Interface names that contain `#` must be quoted, in
+//   `intf` commands too, where a bare `e1#2` is refused rather than read as a
+//   name when `link` reads it as link 2 of e1. A `#` inside a bare VRF name is
+//   text.
 // - `echo` prints the rest of its line as written, from the character after
 //   the first separator: spacing and quotes are kept, escapes are not decoded.
 //   A comment on an echo line is dropped by the same rule (a `#` starting a
@@ -33,7 +36,8 @@
 //   optional fraction) and a unit, ns, us, ms or s, rounded to the nearest
 //   nanosecond.
 // Names are kept as the raw bytes written: a VRF name over 100 bytes parses,
-// and is refused when the command runs.
+// and is refused when the command runs. Messages show at most `kShownBytes`
+// of a value, with its length.
 #pragma once
 
 #include <cstdint>
@@ -45,6 +49,7 @@
 #include <vector>
 
 #include "agent/StateDatabase.h"
+#include "agent/Text.h"
 
 namespace AclAgent {
 
@@ -200,18 +205,5 @@ ParsedScenario parseScenario(std::string_view text, const std::string& file);
 
 // `text` without a UTF-8 byte-order mark at its start.
 std::string_view withoutByteOrderMark(std::string_view text);
-
-// `text` double-quoted with the language's escapes: \" \\ \n \t, and \xHH for
-// every other byte outside printable ASCII. `parseLine` reads it back as
-// `text`.
-std::string quoteName(std::string_view text);
-
-// Texts in messages are cut to this many bytes.
-constexpr std::size_t kShownBytes = 40;
-// `quoteName(text)` for a message: a text over `kShownBytes` shows its start
-// and its length, as in "abc"... (150 bytes).
-std::string shownName(std::string_view text);
-// The same for a text shown as written, without quotes.
-std::string shownText(std::string_view text);
 
 }  // namespace AclAgent

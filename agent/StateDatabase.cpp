@@ -4,7 +4,7 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/Scenario.h"
+#include "agent/Text.h"
 #include "platform/Cell.h"
 
 namespace AclAgent {

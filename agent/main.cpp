@@ -26,6 +26,8 @@ constexpr int kExitOk = 0;
 constexpr int kExitCommandFailed = 1;
 constexpr int kExitUsage = 2;
 
+const char kUsageLine[] = "usage: acl-agent [OPTIONS] [SCENARIO ...] (--help lists them)\n";
+
 const char kUsage[] =
     "usage: acl-agent [OPTIONS] [SCENARIO ...]\n"
     "\n"
@@ -128,7 +130,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
       {"version", no_argument, nullptr, 'v'},      {nullptr, 0, nullptr, 0},
   };
   const auto usageError = [](const std::string& message) {
-    std::cerr << "acl-agent: " << message << "\n" << kUsage;
+    std::cerr << "acl-agent: " << message << "\n" << kUsageLine;
     return kExitUsage;
   };
   opterr = 0;

@@ -45,9 +45,10 @@ void TaskSchedulerRoot::wallClockIs(bool wallClock) {
 }
 
 Nanoseconds TaskSchedulerRoot::wallNow() const {
-  return wallOffset_ + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                           std::chrono::steady_clock::now() - wallEpoch_)
-                           .count();
+  const Nanoseconds elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::steady_clock::now() - wallEpoch_)
+                                  .count();
+  return elapsed > kEndOfTime - wallOffset_ ? kEndOfTime : wallOffset_ + elapsed;
 }
 
 void TaskSchedulerRoot::waitUntil(Nanoseconds when) {

@@ -32,22 +32,47 @@ LoaderImpl::~LoaderImpl() {
 void LoaderImpl::registerPlugin(const std::string& loaderKind, const std::string& name,
                                 const std::string& loaderVersion, const std::string& pluginVersion,
                                 const std::string& description, LoaderInitCaller* initCaller) {
-  if (!initCaller) {
-    throw std::invalid_argument("plugin \"" + name + "\" registered without an init caller");
-  }
-  if (name.empty()) throw std::invalid_argument("a plugin registered without a name");
   LoaderImpl* loader = nullptr;
   for (LoaderImpl* l : liveLoaders()) {
     if (l->kind_ == loaderKind && l->version_ == loaderVersion) loader = l;
   }
+  // Without a loader of its own, a refusal goes to whichever loader is
+  // loading an object, if any.
+  LoaderImpl* refuser = loader;
+  for (LoaderImpl* l : liveLoaders()) {
+    if (!refuser && l->loadingObject_) refuser = l;
+  }
+  const auto refuse = [&](std::string reason) {
+    if (refuser) return refuser->refuse(initCaller, std::move(reason));
+    throw std::invalid_argument(reason);
+  };
+  const std::string plugin = "plugin \"" + name + "\"";
+  if (!initCaller) return refuse(plugin + " registered without an init caller");
+  if (name.empty()) return refuse("a plugin registered without a name");
   if (!loader) {
-    throw std::invalid_argument("plugin \"" + name +
-                                "\" registered with no live loader of kind \"" + loaderKind +
-                                "\" and version \"" + loaderVersion + "\"");
+    return refuse(plugin + " registered with no live loader of kind \"" + loaderKind +
+                  "\" and version \"" + loaderVersion + "\"");
   }
   if (loader->registration(initCaller)) return;
+  for (const Registration& r : loader->registrations_) {
+    if (r.name == name)
+      return refuse(plugin + " is already registered with the " + loaderKind + " loader");
+  }
   loader->registrations_.push_back(
       Registration{name, pluginVersion, description, initCaller, loader->loadingObject_});
+}
+
+void LoaderImpl::refuse(LoaderInitCaller* caller, std::string reason) {
+  if (!loadingObject_) throw std::invalid_argument(reason);
+  refusals_.push_back(Refusal{loadingObject_, caller, std::move(reason)});
+}
+
+std::vector<std::string> LoaderImpl::refusals(const void* object) const {
+  std::vector<std::string> reasons;
+  for (const Refusal& r : refusals_) {
+    if (r.object == object) reasons.push_back(r.reason);
+  }
+  return reasons;
 }
 
 const void* LoaderImpl::loadingObjectIs(const void* object) {
@@ -67,6 +92,11 @@ std::vector<LoaderInitCaller*> LoaderImpl::registrationsDel(const void* object) 
   std::erase_if(registrations_, [&](const Registration& r) {
     if (r.object != object) return false;
     dropped.push_back(r.caller);
+    return true;
+  });
+  std::erase_if(refusals_, [&](const Refusal& r) {
+    if (r.object != object) return false;
+    if (r.caller) dropped.push_back(r.caller);
     return true;
   });
   return dropped;

@@ -90,9 +90,12 @@ class LoaderImpl {
 
   // Records plugin `name` with the loader of `loaderKind` and `loaderVersion`,
   // tagged with that loader's loading object. Registering the same caller
-  // again changes nothing. Raises `std::invalid_argument` when `initCaller` is
-  // null, `name` is empty or no live loader has that kind and version; nothing
-  // is recorded then.
+  // again changes nothing. A registration is refused when `initCaller` is
+  // null, `name` is empty, no live loader has that kind and version, or
+  // another live registration already has that name; nothing is recorded
+  // then. While a shared object is loading, a refusal is kept for the host
+  // (`refusalsDel`), since an error cannot travel out of the object's static
+  // constructors; otherwise it raises `std::invalid_argument`.
   // REQUIRES: `initCaller` is a node of that loader (`initCallerNodeIs`).
   static void registerPlugin(const std::string& loaderKind, const std::string& name,
                              const std::string& loaderVersion, const std::string& pluginVersion,
@@ -105,14 +108,28 @@ class LoaderImpl {
 
   const std::vector<Registration>& registrations() const { return registrations_; }
   const Registration* registration(const LoaderInitCaller* caller) const;
-  // Removes the registrations tagged with `object` and returns their callers.
+  // Removes the registrations tagged with `object`, and the refusals of
+  // registrations made while it was loading, and returns their callers.
   std::vector<LoaderInitCaller*> registrationsDel(const void* object);
+  // The reasons of the registrations refused while `object` was loading,
+  // oldest first.
+  std::vector<std::string> refusals(const void* object) const;
 
  private:
+  struct Refusal {
+    const void* object;
+    LoaderInitCaller* caller;  // may be null
+    std::string reason;
+  };
+  // Refuses a registration: keeps the reason while an object is loading,
+  // raises otherwise.
+  void refuse(LoaderInitCaller* caller, std::string reason);
+
   std::string kind_;
   std::string version_;
   const void* loadingObject_ = nullptr;
   std::vector<Registration> registrations_;
+  std::vector<Refusal> refusals_;
 };
 
 }  // namespace Impl
@@ -163,6 +180,10 @@ class Loader {
 
   // Host side. See `Impl::LoaderImpl::loadingObjectIs`.
   const void* loadingObjectIs(const void* object) { return impl_.loadingObjectIs(object); }
+
+  // Host side: the reasons of registrations refused while `object` was
+  // loading. `objectDel` forgets them.
+  std::vector<std::string> refusals(const void* object) const { return impl_.refusals(object); }
 
   // Drops the registrations tagged with `object` and frees their nodes.
   void objectDel(const void* object) {

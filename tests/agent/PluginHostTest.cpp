@@ -4,7 +4,10 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <filesystem>
 
 #include "agent/Agent.h"
 #include "agent/PluginHost.h"
@@ -41,6 +44,24 @@ TEST(PluginHostTest, AnObjectThatRegistersNoPluginIsRefusedAndClosed) {
                 ": it registers no plugin with the Acl loader");
   EXPECT_FALSE(host.loaded());
   EXPECT_FALSE(mapped(NO_PLUGIN_PATH));
+}
+
+// Two objects may not register plugins of the same name: the second (here a
+// copy of the plugin under another path) is refused, and the first stays.
+TEST(PluginHostTest, ASecondPluginOfTheSameNameIsRefused) {
+  const std::filesystem::path copy =
+      std::filesystem::temp_directory_path() / ("plugin-copy-" + std::to_string(getpid()) + ".so");
+  std::filesystem::copy_file(MCASTDNS_ACL_PLUGIN_PATH, copy);
+  PluginHost host;
+  host.load(MCASTDNS_ACL_PLUGIN_PATH);
+  EXPECT_EQ(errorOf<PluginLoadError>([&] { host.load(copy); }),
+            "cannot load plugin " + copy.string() +
+                ": plugin \"McastDnsAclPlugin\" is already registered with the Acl loader");
+  EXPECT_EQ(host.paths(), std::vector<std::string>{MCASTDNS_ACL_PLUGIN_PATH});
+  EXPECT_FALSE(mapped(copy.c_str()));
+  EXPECT_EQ(Acl::DefaultPluginLoader()->registrations().size(), 1u);
+  host.unloadAll();
+  std::filesystem::remove(copy);
 }
 
 // A load of several plugins is whole or nothing, so a second load tries them

@@ -22,35 +22,10 @@
 #include "platform/Acl.h"
 
 namespace MockPrinting {
-// `text` double-quoted, with \" \\ \n \t and \xHH for other non-printable
-// bytes, so that a rule text's trailing newline shows in a failure message.
+// Texts print quoted, so that a rule text's trailing newline shows in a
+// failure message.
 inline void printQuoted(std::string_view text, std::ostream* os) {
-  *os << '"';
-  for (char c : text) {
-    switch (c) {
-      case '"':
-        *os << "\\\"";
-        break;
-      case '\\':
-        *os << "\\\\";
-        break;
-      case '\n':
-        *os << "\\n";
-        break;
-      case '\t':
-        *os << "\\t";
-        break;
-      default:
-        if (c >= ' ' && c < 0x7f) {
-          *os << c;
-        } else {
-          char hex[8];
-          std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-          *os << hex;
-        }
-    }
-  }
-  *os << '"';
+  *os << Zov::quotedText(text);
 }
 }  // namespace MockPrinting
 

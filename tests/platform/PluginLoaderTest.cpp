@@ -40,18 +40,17 @@ TEST(PluginLoaderTest, RegistrationsRunInOrderWithTheContextOfTheRunAndBadOnesAr
   TestPlugin first(loader, "first");
   TestPlugin onOther(other, "other");
   TestPlugin second(loader, "second");
-  TestPlugin firstAgain(loader, "first");  // a name may be registered twice
 
   EXPECT_EQ(loader.initCaller("other"), nullptr);
   // Registering the same caller again changes nothing.
   Plugin::Impl::LoaderImpl::registerPlugin("Test", "renamed", "7", "", "",
                                            loader.registrations()[1].caller);
-  EXPECT_EQ(loader.registrations().size(), 3u);
+  EXPECT_EQ(loader.registrations().size(), 2u);
 
   Context a, b;
   loader.runInitCallers(&a);
   loader.runInitCallers(&b);
-  EXPECT_EQ(b.started, (std::vector<std::string>{"first", "second", "first"}));
+  EXPECT_EQ(b.started, (std::vector<std::string>{"first", "second"}));
 
   // Bad registrations and contexts are refused and change nothing.
   EXPECT_EQ(
@@ -59,9 +58,11 @@ TEST(PluginLoaderTest, RegistrationsRunInOrderWithTheContextOfTheRunAndBadOnesAr
       "plugin \"x\" registered with no live loader of kind \"Test\" and version \"6\"");
   EXPECT_THROW(Plugin::Impl::LoaderImpl::registerPlugin("Test", "x", "7", "", "", nullptr),
                std::invalid_argument);
+  EXPECT_EQ(ZovTesting::whatOf<std::invalid_argument>([&] { TestPlugin(loader, "first"); }),
+            "plugin \"first\" is already registered with the Test loader");
   EXPECT_THROW(loader.runInitCallers(nullptr), std::invalid_argument);
   EXPECT_EQ(loader.context(), &b) << "the last good run's context stays";
-  EXPECT_EQ(loader.registrations().size(), 3u);
+  EXPECT_EQ(loader.registrations().size(), 2u);
 }
 
 TEST(PluginLoaderTest, ObjectsRegistrationsAreDroppedWithTheirNodes) {
@@ -74,19 +75,26 @@ TEST(PluginLoaderTest, ObjectsRegistrationsAreDroppedWithTheirNodes) {
   TestPlugin a2(loader, "a2");
   EXPECT_EQ(loader.loadingObjectIs(&objectB), &objectA);
   TestPlugin b(loader, "b");
+  // Refused while an object loads: kept for the host instead of raised, and
+  // its node goes with the object.
+  TestPlugin duplicate(loader, "a1");
+  EXPECT_EQ(loader.refusals(&objectB),
+            std::vector<std::string>{"plugin \"a1\" is already registered with the Test loader"});
+  EXPECT_TRUE(loader.refusals(&objectA).empty());
   loader.loadingObjectIs(nullptr);
 
   loader.objectDel(&objectA);
-  EXPECT_EQ(loader.nodes(), 2u);
+  EXPECT_EQ(loader.nodes(), 3u);
   Context context;
   loader.runInitCallers(&context);
   EXPECT_EQ(context.started, (std::vector<std::string>{"host", "b"}));
 
   loader.objectDel(nullptr);  // the host's own plugins stay
   loader.objectDel(&objectA);
-  EXPECT_EQ(loader.nodes(), 2u);
+  EXPECT_EQ(loader.nodes(), 3u);
   loader.objectDel(&objectB);
   EXPECT_EQ(loader.nodes(), 1u);
+  EXPECT_TRUE(loader.refusals(&objectB).empty());
 }
 
 }  // namespace

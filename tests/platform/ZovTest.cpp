@@ -39,7 +39,8 @@ TEST_P(PtrTest, CountsFollowCopiesMovesAndAssignments) {
     Zov::Ptr<Zov::Entity> base = a;
     Zov::Ptr<Thing> moved = std::move(copy);
     EXPECT_FALSE(copy);
-    moved = moved;  // Self-assignment keeps the count.
+    Zov::Ptr<Thing>& alias = moved;
+    moved = alias;  // Self-assignment, as aliasing brings it about, keeps the count.
     moved = a;
     EXPECT_EQ(a->references(), 3u);
     EXPECT_FALSE(Zov::ptrCast<Listener>(base));

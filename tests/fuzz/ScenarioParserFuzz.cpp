@@ -1,0 +1,89 @@
+// Feeds any text to the scenario parser and checks what it returns: a
+// scenario that does not parse keeps no command; every error and every
+// command names a line of the text, in order; and every command, written back
+// as a line, parses to the same command. Names of any bytes survive quoting.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "CommandText.h"
+#include "FuzzCheck.h"
+#include "agent/Scenario.h"
+#include "agent/Text.h"
+
+namespace {
+
+using namespace AclAgent;
+using AclAgentFuzz::check;
+using AclAgentFuzz::kFile;
+
+// Lines end in "\n"; a last line without one counts as well.
+unsigned lineCount(std::string_view text) {
+  unsigned lines = 0;
+  for (char c : text) lines += c == '\n';
+  if (!text.empty() && text.back() != '\n') ++lines;
+  return lines;
+}
+
+void checkErrors(const ParsedScenario& parsed, unsigned lines) {
+  check(parsed.commands.empty(), "a scenario that does not parse kept " +
+                                     std::to_string(parsed.commands.size()) + " commands");
+  unsigned previous = 0;
+  for (const ParseError& e : parsed.errors) {
+    check(e.file == kFile, "error names file \"" + e.file + "\": " + e.text());
+    check(e.line > previous && e.line <= lines,
+          "error on line " + std::to_string(e.line) + " after line " + std::to_string(previous) +
+              " of " + std::to_string(lines) + ": " + e.text());
+    check(!e.message.empty(), "error without a message on line " + std::to_string(e.line));
+    previous = e.line;
+  }
+}
+
+void checkCommands(const ParsedScenario& parsed, unsigned lines) {
+  unsigned previous = 0;
+  for (const Command& command : parsed.commands) {
+    const std::string line = AclAgentFuzz::commandText(command.args);
+    check(command.line > previous && command.line <= lines,
+          "command on line " + std::to_string(command.line) + " after line " +
+              std::to_string(previous) + " of " + std::to_string(lines) + ": " + line);
+    previous = command.line;
+    const ParsedLine again = parseLine(line, kFile, command.line);
+    check(!again.error, "written back as " + quoteName(line) + ", line " +
+                            std::to_string(command.line) +
+                            " does not parse: " + (again.error ? again.error->text() : ""));
+    check(again.command && *again.command == command,
+          "written back as " + quoteName(line) + ", line " + std::to_string(command.line) +
+              " parses to another command" +
+              (again.command ? ": " + quoteName(AclAgentFuzz::commandText(again.command->args))
+                             : std::string(" (none)")));
+  }
+}
+
+// Any bytes, quoted, come back as themselves: as an interface and a VRF name,
+// and as a link's interface before an index.
+void checkQuoting(std::string_view bytes) {
+  const std::string name(bytes);
+  const std::string quoted = quoteName(name);
+  const ParsedLine intf = parseLine("intf set " + quoted + " " + quoted, kFile, 1);
+  check(intf.command && intf.command->args == CommandArgs{IntfSetCmd{name, name}},
+        "quoted name " + quoted + " does not come back as an interface and a VRF");
+  const ParsedLine link = parseLine("link del " + quoted + "#7", kFile, 1);
+  check(link.command && link.command->args == CommandArgs{LinkDelCmd{{name, 7}}},
+        "quoted name " + quoted + " does not come back as a link's interface");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const ParsedScenario parsed = parseScenario(text, kFile);
+  const unsigned lines = lineCount(text);
+  if (parsed.ok()) {
+    checkCommands(parsed, lines);
+  } else {
+    checkErrors(parsed, lines);
+  }
+  checkQuoting(text.substr(0, 256));
+  return 0;
+}

@@ -27,17 +27,38 @@ std::string commandErrorText(const std::exception& e) {
   return text;
 }
 
-Agent::Agent(std::vector<std::string> pluginPaths)
+Agent::Agent(std::vector<std::string> pluginPaths, std::optional<IptablesBackendOptions> apply,
+             std::ostream& errors)
     : pluginPaths_(std::move(pluginPaths)),
       scheduler_(Pell::TaskSchedulerRoot::findOrCreateScheduler()),
-      rules_(new RuleService(db_.entityManager())) {}
+      rules_(new RuleService(db_.entityManager())) {
+  if (!apply) return;
+  backend_ = std::make_unique<IptablesBackend>(scheduler_, std::move(*apply), errors);
+  // Every rule that stands came through a finish that changed its VRF, so a
+  // VRF first seen unchanged has none.
+  rules_->finishListenerIs([this](const L3::VrfName& vrf, bool changed) {
+    backend_->vrfSeen(vrf.str(), changed ? std::optional(rules_->vrfRules(vrf)) : std::nullopt);
+  });
+}
 
 Agent::~Agent() {
+  rules_->finishListenerIs(nullptr);
   try {
     host_.unloadAll();
   } catch (const std::exception&) {
     // An object that stays mapped at exit is of no consequence any more.
   }
+}
+
+std::vector<IptablesBackend::VrfStatus> Agent::notApplied() const {
+  std::vector<IptablesBackend::VrfStatus> missing;
+  if (!backend_) return missing;
+  for (IptablesBackend::VrfStatus& status : backend_->statuses()) {
+    if (status.rules > 0 && status.state != IptablesBackend::State::kOk) {
+      missing.push_back(std::move(status));
+    }
+  }
+  return missing;
 }
 
 void Agent::load() {
@@ -77,6 +98,9 @@ void Agent::show(ShowWhat what, std::ostream& out) {
     case ShowWhat::kWatchers:
       out << watchersText();
       return;
+    case ShowWhat::kApplied:
+      out << (backend_ ? backend_->appliedText() : "nothing is applied (run with --apply)\n");
+      return;
   }
 }
 
@@ -106,6 +130,12 @@ void Agent::run(const Command& command, std::ostream& out) {
                  [&](const EchoCmd& c) { out << c.text << "\n"; },
                  [&](const ShowCmd& c) { show(c.what, out); },
                  [&](const ClearCallsCmd&) { rules_->renderCalls(); },
+                 [&](const ResyncCmd&) {
+                   if (!backend_) {
+                     throw std::runtime_error("nothing to resync: acl-agent runs without --apply");
+                   }
+                   backend_->resync();
+                 },
              },
              command.args);
 }

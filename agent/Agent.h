@@ -14,10 +14,14 @@
 // Threading: the event thread only.
 #pragma once
 
+#include <iostream>
+#include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "agent/IptablesBackend.h"
 #include "agent/PluginHost.h"
 #include "agent/RuleService.h"
 #include "agent/Scenario.h"
@@ -33,7 +37,11 @@ std::string commandErrorText(const std::exception& e);
 
 class Agent {
  public:
-  explicit Agent(std::vector<std::string> pluginPaths);
+  // With `apply`, what stands is also put in place in the kernel, and the
+  // backend reports its errors to `errors`.
+  explicit Agent(std::vector<std::string> pluginPaths,
+                 std::optional<IptablesBackendOptions> apply = std::nullopt,
+                 std::ostream& errors = std::cerr);
   // Unloads the plugins before the services they hold go.
   ~Agent();
   Agent(const Agent&) = delete;
@@ -41,6 +49,14 @@ class Agent {
 
   // Carries out `command`, writing what it prints to `out`.
   void run(const Command& command, std::ostream& out);
+
+  // Waits until the kernel backend has no child process in flight: the end
+  // of a scenario. Nothing to wait for without --apply.
+  void drain() { scheduler_->drain(); }
+  // False when, with --apply, some VRF's rules are not in place.
+  bool applied() const { return !backend_ || backend_->allInPlace(); }
+  // With --apply, the VRFs whose rules must stand and are not in place.
+  std::vector<IptablesBackend::VrfStatus> notApplied() const;
 
   StateDatabase& stateDatabase() { return db_; }
   RuleService& ruleService() { return *rules_; }
@@ -56,6 +72,7 @@ class Agent {
   StateDatabase db_;
   Zov::Ptr<RuleService> rules_;
   PluginHost host_;
+  std::unique_ptr<IptablesBackend> backend_;
 };
 
 }  // namespace AclAgent

@@ -87,18 +87,27 @@ void RuleService::unregisterChainRule(Acl::IptablesType iptablesType, Acl::AclTy
 
 void RuleService::finishRegistration(Acl::IptablesType iptablesType, Acl::AclType aclType,
                                      L3::VrfName vrf, const Zov::String& chain) {
+  bool changed = false;
   auto batch = batches_.find(BatchKey{iptablesType, aclType, vrf, chain});
   if (batch != batches_.end()) {
     for (auto& [key, rule] : batch->second) {
-      if (rule) {
-        rules_.insert_or_assign(key, std::move(*rule));
+      auto standing = rules_.find(key);
+      if (!rule) {
+        if (standing == rules_.end()) continue;
+        rules_.erase(standing);
+      } else if (standing == rules_.end()) {
+        rules_.emplace(key, std::move(*rule));
+      } else if (standing->second == *rule) {
+        continue;
       } else {
-        rules_.erase(key);
+        standing->second = std::move(*rule);
       }
+      changed = true;
     }
     batches_.erase(batch);
   }
   ++finishes_[vrf];
+  if (finishListener_) finishListener_(vrf, changed);
   RuleCall call;
   call.kind = RuleCall::Kind::kFinish;
   call.key.iptablesType = iptablesType;
@@ -161,6 +170,34 @@ std::string RuleService::renderCalls() {
   }
   log_.clear();
   return out;
+}
+
+ChainRules RuleService::vrfRules(const L3::VrfName& vrf) const {
+  // The same order as `renderIptables`: chain, owner, sequence, direction.
+  using Placement = std::tuple<Zov::String, Zov::String, unsigned int, Acl::AclDirection>;
+  std::map<Placement, std::string_view> placed;
+  const RuleKey first{Acl::IptablesType::kIptables,
+                      Acl::AclType::kControlPlane,
+                      vrf,
+                      Acl::AclDirection::kIn,
+                      Zov::String(),
+                      Zov::String(),
+                      0};
+  for (auto it = rules_.lower_bound(first); it != rules_.end(); ++it) {
+    const auto& [key, rule] = *it;
+    if (key.iptablesType != first.iptablesType || key.aclType != first.aclType || key.vrf != vrf) {
+      break;
+    }
+    std::string_view text = rule.text.view();
+    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    if (chainFault(key.chain.view()) || textFault(text)) continue;
+    placed.emplace(Placement{key.chain, key.owner, key.sequence, key.direction}, text);
+  }
+  ChainRules chains;
+  for (const auto& [placement, text] : placed) {
+    chains[std::get<0>(placement).str()].emplace_back(text);
+  }
+  return chains;
 }
 
 std::string RuleService::renderRules() const {

@@ -25,6 +25,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -77,6 +78,11 @@ struct RuleCall {
   Rule rule;
 };
 
+// What stands in one VRF for the kernel's filter table (iptables type 0, ACL
+// type 0): each chain, in bytewise order, with its restorable rule texts
+// (without their final newline) in the order `show iptables` gives.
+using ChainRules = std::map<std::string, std::vector<std::string>>;
+
 class RuleService : public Acl::PluginContext {
  public:
   // `entityManager` is what `entityManager()` hands the plugins; null is
@@ -98,6 +104,14 @@ class RuleService : public Acl::PluginContext {
 
   // The rules in force, in `show rules` order.
   const std::map<RuleKey, Rule>& rules() const { return rules_; }
+  // The filter table's rules in force in `vrf`; a rule that is not
+  // restorable (see `renderIptables`) is left out.
+  ChainRules vrfRules(const L3::VrfName& vrf) const;
+
+  // Called after every finish with the VRF it named and whether it changed
+  // what stands there. One listener; an empty function removes it.
+  using FinishListener = std::function<void(const L3::VrfName& vrf, bool changed)>;
+  void finishListenerIs(FinishListener listener) { finishListener_ = std::move(listener); }
   // Every call made since the service was created, shown or not.
   std::uint64_t calls() const { return calls_; }
   // The finishRegistration calls naming `vrf`, over all batches of that VRF.
@@ -149,6 +163,7 @@ class RuleService : public Acl::PluginContext {
   std::vector<RuleCall> log_;
   std::uint64_t calls_ = 0;
   bool callLog_ = true;
+  FinishListener finishListener_;
 };
 
 }  // namespace AclAgent

@@ -21,6 +21,7 @@ constexpr ShowEntry kShowWords[] = {
     {ShowWhat::kPlugin, "plugin"},
     {ShowWhat::kSm, "sm"},
     {ShowWhat::kWatchers, "watchers"},
+    {ShowWhat::kApplied, "applied"},
 };
 
 // Raised inside the parser; becomes a `ParseError` for the line.
@@ -460,6 +461,7 @@ constexpr CommandEntry kCommands[] = {
     {"remount", parseRemount},
     {"advance", parseAdvance},
     {"settle", [](Args&) -> CommandArgs { return SettleCmd{}; }},
+    {"resync", [](Args&) -> CommandArgs { return ResyncCmd{}; }},
     {"clear", parseClear},
     {"show", parseShow},
 };

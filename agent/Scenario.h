@@ -130,6 +130,12 @@ struct EchoCmd {
   friend bool operator==(const EchoCmd&, const EchoCmd&) = default;
 };
 
+// `resync`: reads every VRF's namespace back and repairs what drifted (with
+// --apply only).
+struct ResyncCmd {
+  friend bool operator==(const ResyncCmd&, const ResyncCmd&) = default;
+};
+
 // `clear calls`: sets the calls made so far aside without printing them, so
 // that the next `show calls` shows only what follows.
 struct ClearCallsCmd {
@@ -147,6 +153,7 @@ enum class ShowWhat : std::uint8_t {
   kPlugin,
   kSm,
   kWatchers,
+  kApplied,
 };
 struct ShowCmd {
   ShowWhat what;
@@ -160,7 +167,7 @@ std::string showWordList();
 using CommandArgs = std::variant<GatewayEnabledCmd, GatewaySettingCmd, LinkSetCmd, LinkReplaceCmd,
                                  LinkDelCmd, IntfSetCmd, IntfReplaceCmd, IntfDelCmd, VrfAddCmd,
                                  VrfDelCmd, OmitCmd, RecreateCmd, LoadCmd, UnloadCmd, RemountCmd,
-                                 AdvanceCmd, SettleCmd, EchoCmd, ShowCmd, ClearCallsCmd>;
+                                 AdvanceCmd, SettleCmd, EchoCmd, ShowCmd, ClearCallsCmd, ResyncCmd>;
 
 struct Command {
   unsigned line = 0;  // 1-based line in its file

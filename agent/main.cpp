@@ -1,56 +1,25 @@
 // acl-agent: hosts ACL plugins the way a device's ACL agent does, and runs
 // them against scenarios that play the other agents' state changes.
 //
-// `main` reads the command line (`parseOptions`), reads and checks every
-// scenario file before anything runs, then runs them (`Runner`).
-#include <editline/readline.h>
+// `main` reads the command line (CommandLine.h), reads and checks every
+// scenario file before anything runs, then runs them (`Runner`); standard
+// input on a terminal or with -i runs line by line as it arrives.
 #include <fcntl.h>
-#include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <optional>
 
 #include "agent/Agent.h"
+#include "agent/CommandLine.h"
+#include "agent/LineInput.h"
 #include "agent/Output.h"
 
 namespace {
-
-constexpr int kExitOk = 0;
-constexpr int kExitCommandFailed = 1;
-constexpr int kExitUsage = 2;
-
-const char kUsageLine[] = "usage: acl-agent [OPTIONS] [SCENARIO ...] (--help lists them)\n";
-
-const char kUsage[] =
-    "usage: acl-agent [OPTIONS] [SCENARIO ...]\n"
-    "\n"
-    "Loads ACL plugins into a reference ACL agent and runs scenarios against\n"
-    "them. Each SCENARIO is a file, run in the order given; '-' or none reads\n"
-    "standard input (interactively on a terminal).\n"
-    "\n"
-    "options:\n"
-    "  --plugin PATH        plugin shared object to load (repeatable; default:\n"
-    "                       the multicast DNS plugin built beside acl-agent)\n"
-    "  --trace NAME/LEVELS  enable trace levels on a trace handle, e.g.\n"
-    "                       McastDnsAclPlugin/0,8 or McastDnsAclPlugin/0-15\n"
-    "  --realtime           run the event loop on the wall clock\n"
-    "  --help               print this help\n"
-    "  --version            print the version\n";
-
-struct Options {
-  std::vector<std::string> plugins;
-  // The handle name of each --trace, with the option as given.
-  std::vector<std::pair<std::string, std::string>> traces;
-  bool realtime = false;
-  std::vector<std::string> scenarios;
-};
 
 // The plugin built beside the program, in the build tree or an install tree.
 std::string defaultPlugin() {
@@ -64,112 +33,6 @@ std::string defaultPlugin() {
     if (access(path.c_str(), R_OK) == 0) return path;
   }
   return dir + "/" + ACL_AGENT_PLUGIN_RELATIVE;
-}
-
-// Parses one decimal level, the whole of `text`.
-bool parseLevel(std::string_view text, unsigned& level) {
-  const char* end = text.data() + text.size();
-  auto [ptr, ec] = std::from_chars(text.data(), end, level);
-  return ec == std::errc() && ptr == end;
-}
-
-// "NAME/LEVELS", LEVELS a comma-separated list of levels and ranges (0-15).
-// Returns the handle's name, or nothing with `error` set.
-std::optional<std::string> applyTrace(const std::string& spec, std::string& error) {
-  const auto slash = spec.rfind('/');
-  if (slash == std::string::npos || slash == 0 || slash + 1 == spec.size()) {
-    error = "--trace wants NAME/LEVELS, got " + AclAgent::shownName(spec);
-    return std::nullopt;
-  }
-  std::uint16_t levels = 0;
-  std::string_view list = std::string_view(spec).substr(slash + 1);
-  while (true) {
-    const std::size_t comma = list.find(',');
-    const std::string_view item = list.substr(0, comma);
-    const auto dash = item.find('-');
-    unsigned first = 0;
-    unsigned last = 0;
-    const bool ok =
-        dash == std::string_view::npos
-            ? parseLevel(item, first) && parseLevel(item, last)
-            : parseLevel(item.substr(0, dash), first) && parseLevel(item.substr(dash + 1), last);
-    if (!ok || first > last || last > 15) {
-      error = "--trace: bad level " + AclAgent::shownName(item) + " in " +
-              AclAgent::shownName(spec) + " (levels are 0 to 15, e.g. 0,8 or 0-15)";
-      return std::nullopt;
-    }
-    for (unsigned level = first; level <= last; ++level) levels |= 1u << level;
-    if (comma == std::string_view::npos) break;
-    list.remove_prefix(comma + 1);
-  }
-  std::string name = spec.substr(0, slash);
-  Zov::TraceHandle::levelsByNameIs(name, levels);
-  return name;
-}
-
-// A --plugin value is a file path, as everywhere else on the command line:
-// a name without a slash is a file in the current directory, not one on the
-// dynamic loader's search path. Returns what is wrong with it, if anything.
-std::optional<std::string> checkPlugin(std::string& path) {
-  if (path.empty()) return "--plugin wants the path of a shared object, got \"\"";
-  if (path.find('/') == std::string::npos) path = "./" + path;
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0 || access(path.c_str(), R_OK) != 0) {
-    return "cannot read plugin " + AclAgent::shownName(path) + ": " + std::strerror(errno);
-  }
-  if (S_ISDIR(st.st_mode)) return "plugin " + AclAgent::shownName(path) + " is a directory";
-  return std::nullopt;
-}
-
-// Reads the command line into `options`. Returns the exit status when the
-// program must stop at once: help, version, or a usage error (reported).
-std::optional<int> parseOptions(int argc, char** argv, Options& options) {
-  static const option kOptions[] = {
-      {"plugin", required_argument, nullptr, 'p'}, {"trace", required_argument, nullptr, 't'},
-      {"realtime", no_argument, nullptr, 'r'},     {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'v'},      {nullptr, 0, nullptr, 0},
-  };
-  const auto usageError = [](const std::string& message) {
-    std::cerr << "acl-agent: " << message << "\n" << kUsageLine;
-    return kExitUsage;
-  };
-  opterr = 0;
-  for (int c; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-    std::string error;
-    switch (c) {
-      case 'p':
-        options.plugins.emplace_back(optarg);
-        break;
-      case 't':
-        if (auto name = applyTrace(optarg, error)) {
-          options.traces.emplace_back(std::move(*name), optarg);
-        } else {
-          return usageError(error);
-        }
-        break;
-      case 'r':
-        options.realtime = true;
-        break;
-      case 'h':
-        std::cout << kUsage;
-        return kExitOk;
-      case 'v':
-        std::cout << "acl-agent " << ACL_AGENT_VERSION << "\n";
-        return kExitOk;
-      default:
-        return usageError("unknown or incomplete option " + AclAgent::shownName(argv[optind - 1]));
-    }
-  }
-  if (options.plugins.empty()) options.plugins.push_back(defaultPlugin());
-  for (std::string& plugin : options.plugins) {
-    if (auto error = checkPlugin(plugin)) {
-      std::cerr << "acl-agent: " << *error << "\n";
-      return kExitUsage;
-    }
-  }
-  options.scenarios.assign(argv + optind, argv + argc);
-  if (options.scenarios.empty()) options.scenarios.push_back("-");
-  return std::nullopt;
 }
 
 // Reads all of `fd` into `text`; returns the error number of a failed read,
@@ -233,11 +96,11 @@ class Runner {
       agent_.run(command, out_);
     } catch (const AclAgent::PluginLoadError& e) {
       report(file, command.line, e.what());
-      status_ = kExitUsage;
+      status_ = AclAgent::kExitUsage;
       return false;
     } catch (const std::exception& e) {
       report(file, command.line, AclAgent::commandErrorText(e));
-      status_ = std::max(status_, kExitCommandFailed);
+      status_ = std::max(status_, AclAgent::kExitCommandFailed);
     }
     return outputWritten();
   }
@@ -249,22 +112,39 @@ class Runner {
     });
   }
 
-  // Reads commands from the terminal, one line at a time, with line editing.
-  // A line that does not parse, or whose plugin cannot be loaded, is
-  // reported and the session goes on.
-  void runTerminal() {
+  // Runs standard input line by line as it arrives. A line that does not
+  // parse, or whose plugin cannot be loaded, is reported and the session
+  // goes on. False when the run must end.
+  bool runLines(Pell::TaskSchedulerRoot& loop, bool terminal) {
+    AclAgent::LineInput input(loop, terminal);
     unsigned lineNumber = 0;
-    while (char* raw = readline("acl-agent> ")) {
-      std::string line(raw);
-      std::free(raw);
-      if (!line.empty()) add_history(line.c_str());
-      std::string_view text = line;
+    while (std::optional<std::string> line = input.next()) {
+      std::string_view text = *line;
       if (++lineNumber == 1) text = AclAgent::withoutByteOrderMark(text);
       AclAgent::ParsedLine parsed = AclAgent::parseLine(text, "-", lineNumber);
       if (parsed.error) std::cerr << parsed.error->text() << "\n";
       if (parsed.command) run("-", *parsed.command);
-      if (outputFailed_) return;
+      if (outputFailed_) return false;
     }
+    if (input.error()) {
+      std::cerr << "acl-agent: cannot read scenario \"-\": " << std::strerror(input.error())
+                << "\n";
+      status_ = std::max(status_, AclAgent::kExitUsage);
+      return false;
+    }
+    return true;
+  }
+
+  // Ends the run: with --apply, a VRF whose rules are not in place fails it,
+  // and is named.
+  int finish() {
+    for (const auto& vrf : agent_.notApplied()) {
+      std::cerr << "acl-agent: apply vrf " << AclAgent::quoteName(vrf.vrf)
+                << ": not in place at the end"
+                << (vrf.error.empty() ? std::string() : ": " + vrf.error) << "\n";
+    }
+    if (!agent_.applied()) status_ = std::max(status_, AclAgent::kExitCommandFailed);
+    return status_;
   }
 
   int status() const { return status_; }
@@ -280,7 +160,7 @@ class Runner {
     if (outputFailed_) return false;
     if (out_.flush() && !output_.error()) return true;
     outputFailed_ = true;
-    status_ = std::max(status_, kExitCommandFailed);
+    status_ = std::max(status_, AclAgent::kExitCommandFailed);
     std::cerr << "acl-agent: cannot write to standard output: " << std::strerror(output_.error())
               << "\n";
     return false;
@@ -289,12 +169,12 @@ class Runner {
   AclAgent::Agent& agent_;
   AclAgent::FdOutput output_{STDOUT_FILENO};
   std::ostream out_{&output_};
-  int status_ = kExitOk;
+  int status_ = AclAgent::kExitOk;
   bool outputFailed_ = false;  // reported; nothing more is written
 };
 
 // A --trace that named a handle no code made is most likely a typing error.
-void reportUnusedTraces(const Options& options) {
+void reportUnusedTraces(const AclAgent::CommandLine& options) {
   const std::vector<std::string> made = Zov::TraceHandle::namesMade();
   for (const auto& [name, spec] : options.traces) {
     if (std::find(made.begin(), made.end(), name) != made.end()) continue;
@@ -311,22 +191,32 @@ void reportUnusedTraces(const Options& options) {
 
 int main(int argc, char** argv) {
   holdClosedStandardStreams();
-  Options options;
-  if (std::optional<int> status = parseOptions(argc, argv, options)) return *status;
+  AclAgent::CommandLine options;
+  if (std::optional<int> status =
+          AclAgent::parseCommandLine(argc, argv, defaultPlugin(), ACL_AGENT_VERSION, options)) {
+    return *status;
+  }
+  if (options.removeApplied) {
+    return AclAgent::IptablesBackend::removeApplied(options.backend, std::cerr)
+               ? AclAgent::kExitOk
+               : AclAgent::kExitCommandFailed;
+  }
 
-  const bool terminal =
-      options.scenarios.size() == 1 && options.scenarios[0] == "-" && isatty(STDIN_FILENO);
+  // Standard input alone, on a terminal or with -i, runs line by line.
+  const bool terminal = isatty(STDIN_FILENO);
+  const bool lineByLine =
+      options.scenarios == std::vector<std::string>{"-"} && (terminal || options.interactive);
 
   // Every file is read and checked before anything runs; a file's commands
   // are parsed again as they run, so a scenario costs its text and no more.
   std::vector<std::pair<std::string, std::string>> sources;
-  if (!terminal) {
+  if (!lineByLine) {
     bool parseFailed = false;
     for (const std::string& name : options.scenarios) {
       std::string text;
       if (auto error = readScenario(name, text)) {
         std::cerr << "acl-agent: " << *error << "\n";
-        return kExitUsage;
+        return AclAgent::kExitUsage;
       }
       AclAgent::parseEachLine(text, name, [&](AclAgent::ParsedLine& line) {
         if (line.error) std::cerr << line.error->text() << "\n";
@@ -335,19 +225,24 @@ int main(int argc, char** argv) {
       });
       sources.emplace_back(name, std::move(text));
     }
-    if (parseFailed) return kExitUsage;
+    if (parseFailed) return AclAgent::kExitUsage;
   }
 
-  AclAgent::Agent agent(options.plugins);
-  if (options.realtime) Pell::TaskSchedulerRoot::findOrCreateScheduler()->wallClockIs(true);
+  auto loop = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  AclAgent::Agent agent(options.plugins,
+                        options.apply ? std::optional(options.backend) : std::nullopt);
+  if (options.realtime) loop->wallClockIs(true);
   Runner runner(agent);
-  if (terminal) {
-    runner.runTerminal();
+  if (lineByLine) {
+    runner.runLines(*loop, terminal);
+    agent.drain();
   } else {
     for (const auto& [name, text] : sources) {
-      if (!runner.runScenario(name, text)) break;
+      const bool goOn = runner.runScenario(name, text);
+      agent.drain();
+      if (!goOn) break;
     }
   }
   reportUnusedTraces(options);
-  return runner.status();
+  return runner.finish();
 }

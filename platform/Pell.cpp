@@ -2,8 +2,11 @@
 // over a virtual or wall clock.
 #include "platform/Pell.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -52,10 +55,6 @@ Nanoseconds TaskSchedulerRoot::wallNow() const {
 }
 
 void TaskSchedulerRoot::waitUntil(Nanoseconds when) {
-  if (wallClock_) {
-    const Nanoseconds wait = when - wallNow();
-    if (wait > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
-  }
   if (when > now_) now_ = when;
 }
 
@@ -66,6 +65,7 @@ Nanoseconds TaskSchedulerRoot::nextDue() const {
 void TaskSchedulerRoot::taskArmIs(TimerTask* task, Nanoseconds due) {
   if (task->armed_) taskDisarm(task);
   task->armed_ = true;
+  if (!task->background_) ++foregroundArmed_;
   task->due_ = due;
   task->armSequence_ = ++sequence_;
   armed_.insert({due, task->taskPriority().value(), task->armSequence_, task});
@@ -75,10 +75,17 @@ void TaskSchedulerRoot::taskDisarm(TimerTask* task) {
   if (!task->armed_) return;
   armed_.erase({task->due_, task->taskPriority().value(), task->armSequence_, task});
   task->armed_ = false;
+  if (!task->background_) --foregroundArmed_;
 }
 
 bool TaskSchedulerRoot::runNext(Nanoseconds limit) {
-  if (armed_.empty() || armed_.begin()->due > limit) return false;
+  while (true) {
+    if (armed_.empty() || armed_.begin()->due > limit) return false;
+    const Nanoseconds wait = wallClock_ ? armed_.begin()->due - wallNow() : 0;
+    if (wait <= 0) break;
+    // A handler may arm a task sooner than the one waited for: look again.
+    pollFds(wait);
+  }
   const Armed next = *armed_.begin();
   // Hold the task while it runs: its notifiees may drop every other reference.
   Zov::Ptr<TimerTask> task(next.task);
@@ -97,16 +104,95 @@ void TaskSchedulerRoot::advance(Nanoseconds duration) {
                               std::to_string(kEndOfTime) + "ns (about 292 years)");
   }
   const Nanoseconds end = start + duration;
-  while (runNext(end)) {
+  while (true) {
+    pollFds(0);
+    if (runNext(end)) continue;
+    const Nanoseconds wait = wallClock_ ? end - wallNow() : 0;
+    if (wait <= 0) break;
+    pollFds(wait);
   }
   waitUntil(end);
 }
 
 bool TaskSchedulerRoot::settle(std::uint64_t maxRuns) {
-  for (std::uint64_t n = 0; n < maxRuns; ++n) {
-    if (!runNext(armed_.empty() ? 0 : armed_.begin()->due)) return true;
+  for (std::uint64_t n = 0; n < maxRuns;) {
+    if (foregroundArmed_ > 0) {
+      runNext(armed_.begin()->due);
+      ++n;
+      continue;
+    }
+    if (workInFlight_ == 0) return true;
+    // Only background tasks are armed: on the wall clock they run when due
+    // while the work goes on; on the virtual clock they wait for `advance`.
+    Nanoseconds wait = -1;
+    if (wallClock_ && !armed_.empty()) wait = std::max<Nanoseconds>(0, nextDue() - wallNow());
+    if (pollFds(wait) == 0 && wallClock_ && runNext(now())) ++n;
   }
-  return armed_.empty();
+  return foregroundArmed_ == 0 && workInFlight_ == 0;
+}
+
+void TaskSchedulerRoot::drain() {
+  while (workInFlight_ > 0) pollFds(-1);
+}
+
+void TaskSchedulerRoot::runUntil(const std::function<bool()>& done) {
+  while (!done()) {
+    if (!wallClock_ || armed_.empty()) {
+      if (watches_.empty()) throw std::logic_error("the loop waits for nothing that can happen");
+      pollFds(-1);
+    } else if (!runNext(now())) {
+      pollFds(std::max<Nanoseconds>(0, nextDue() - wallNow()));
+    }
+  }
+}
+
+void TaskSchedulerRoot::workInFlightDec() {
+  if (workInFlight_ == 0) throw std::logic_error("work in flight counted down below zero");
+  --workInFlight_;
+}
+
+void TaskSchedulerRoot::fdWatchIs(int fd, std::function<void()> onReadable) {
+  if (fd < 0) throw std::invalid_argument("cannot watch file descriptor " + std::to_string(fd));
+  for (const Watch& w : watches_) {
+    if (w.fd == fd) {
+      throw std::invalid_argument("file descriptor " + std::to_string(fd) + " is watched already");
+    }
+  }
+  watches_.push_back(Watch{fd, ++watchIds_, std::move(onReadable)});
+}
+
+void TaskSchedulerRoot::fdWatchDel(int fd) {
+  std::erase_if(watches_, [fd](const Watch& w) { return w.fd == fd; });
+}
+
+std::size_t TaskSchedulerRoot::pollFds(Nanoseconds timeout) {
+  if (watches_.empty()) {
+    // Nothing can become ready: a wait is a plain sleep, and waiting for
+    // ever would never end.
+    if (timeout > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(timeout));
+    return 0;
+  }
+  std::vector<pollfd> polled;
+  std::vector<std::uint64_t> ids;
+  for (const Watch& w : watches_) {
+    polled.push_back(pollfd{w.fd, POLLIN, 0});
+    ids.push_back(w.id);
+  }
+  timespec wait{timeout / 1'000'000'000, timeout % 1'000'000'000};
+  const int ready = ppoll(polled.data(), polled.size(), timeout < 0 ? nullptr : &wait, nullptr);
+  if (ready <= 0) return 0;  // timed out, or a signal came first
+  std::size_t ran = 0;
+  for (std::size_t i = 0; i < polled.size(); ++i) {
+    if (polled[i].revents == 0) continue;
+    // A handler run before may have stopped this watch, or replaced it.
+    auto it = std::find_if(watches_.begin(), watches_.end(),
+                           [&](const Watch& w) { return w.id == ids[i]; });
+    if (it == watches_.end()) continue;
+    const std::function<void()> handler = it->onReadable;
+    ++ran;
+    handler();
+  }
+  return ran;
 }
 
 TimerTask::~TimerTask() {
@@ -120,6 +206,16 @@ void TimerTask::scheduleTaskLowestDelay(Zov::Seconds delay) {
   const Nanoseconds due = wait > kEndOfTime - now ? kEndOfTime : now + wait;
   if (armed_ && due_ <= due) return;
   scheduler.taskArmIs(this, due);
+}
+
+void TimerTask::backgroundIs(bool background) {
+  if (background == background_) return;
+  // Re-arming moves the task between the loop's counts.
+  const bool wasArmed = armed_;
+  const Nanoseconds due = due_;
+  if (wasArmed) taskScheduler()->taskDisarm(this);
+  background_ = background;
+  if (wasArmed) taskScheduler()->taskArmIs(this, due);
 }
 
 void TimerTask::stopTimerTask() {

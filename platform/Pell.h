@@ -19,12 +19,24 @@
 // Tasks due at the same moment run by priority (higher value first), then in
 // the order they were armed.
 //
-// Threading: the loop, its tasks and their notifiees live on one thread.
+// The loop also watches file descriptors (pipes to child processes, sockets,
+// timer descriptors) and runs a handler when one is readable:
+//
+//   root->fdWatchIs(fd, [&] { readWhatIsThere(fd); });
+//   root->workInFlightInc();   // `settle` now waits until ...
+//   root->workInFlightDec();   // ... this, called from a handler.
+//
+// Descriptors are real, so they are waited for in real time on either clock.
+//
+// Threading: the loop, its tasks, their notifiees and the descriptor handlers
+// live on one thread.
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <limits>
 #include <set>
+#include <vector>
 
 #include "platform/Zov.h"
 
@@ -85,9 +97,44 @@ class TaskSchedulerRoot : public TaskScheduler {
   // REQUIRES: 0 <= `duration` <= `kEndOfTime` - now(); otherwise raises
   // `Zov::RangeException` naming the limit, and nothing runs or moves.
   void advance(Nanoseconds duration);
-  // Runs tasks until none is armed. Returns false when it gave up after
+  // Runs tasks until no task but background ones is armed, and waits (in
+  // real time, running descriptor handlers) until no work is in flight.
+  // Background tasks due before the last other task run in their turn; those
+  // due later wait for an `advance`. Returns false when it gave up after
   // `maxRuns` runs (a task that keeps re-arming itself).
   bool settle(std::uint64_t maxRuns = 1'000'000);
+
+  // --- file descriptors ---
+  // Runs `onReadable` on the event thread whenever `fd` is readable, has hung
+  // up or failed; the handler reads what is there or stops the watch.
+  // `advance` runs the handlers of ready descriptors between tasks (on the
+  // wall clock it also waits for them until each due time); `settle` waits
+  // for them while work is in flight. An exception from a handler propagates
+  // out of the loop call that ran it.
+  // REQUIRES: `fd` is open and not watched yet (raises `std::invalid_argument`).
+  void fdWatchIs(int fd, std::function<void()> onReadable);
+  // Stops watching `fd`, also from inside its own handler; a descriptor that
+  // is not watched is ignored. The descriptor stays open.
+  void fdWatchDel(int fd);
+  std::size_t fdWatches() const { return watches_.size(); }
+  // Runs the handlers of the watched descriptors that are ready within
+  // `timeout` of real time (0: those ready now; negative: until one is) and
+  // returns how many ran.
+  std::size_t pollFds(Nanoseconds timeout);
+
+  // Work that `settle` and `drain` wait for, such as a child process whose
+  // end a watched descriptor will tell: a source counts each piece up when
+  // it starts and down when it ends.
+  void workInFlightInc() { ++workInFlight_; }
+  void workInFlightDec();
+  std::uint64_t workInFlight() const { return workInFlight_; }
+  // Runs descriptor handlers, and no task, until no work is in flight.
+  void drain();
+  // Runs the loop until `done()` holds, checked after each handler and task:
+  // descriptor handlers on either clock, and on the wall clock the tasks as
+  // they fall due. The virtual clock does not move. Raises
+  // `std::logic_error` when it would wait with nothing to wait for.
+  void runUntil(const std::function<bool()>& done);
 
   bool wallClock() const { return wallClock_; }
   void wallClockIs(bool wallClock);
@@ -114,13 +161,24 @@ class TaskSchedulerRoot : public TaskScheduler {
       return sequence < o.sequence;
     }
   };
-  // Runs the first armed task if it is due by `limit`; false if none is.
+  // Runs the first armed task if it is due by `limit` (on the wall clock,
+  // waiting for it while running descriptor handlers); false if none is.
   bool runNext(Nanoseconds limit);
   Nanoseconds wallNow() const;
   void waitUntil(Nanoseconds when);
 
+  struct Watch {
+    int fd;
+    std::uint64_t id;  // tells a watch from a later one of the same fd
+    std::function<void()> onReadable;
+  };
+
   Nanoseconds now_ = 0;
   std::set<Armed> armed_;
+  std::size_t foregroundArmed_ = 0;
+  std::vector<Watch> watches_;
+  std::uint64_t watchIds_ = 0;
+  std::uint64_t workInFlight_ = 0;
   std::uint64_t sequence_ = 0;
   std::uint64_t runs_ = 0;
   bool wallClock_ = false;
@@ -165,6 +223,10 @@ class TimerTask : public Task {
   void stopTimerTask();
 
   bool armed() const { return armed_; }
+  // A background task (a periodic check, a retry's delay) is one that
+  // `settle` does not wait for. Tasks are foreground when made.
+  bool background() const { return background_; }
+  void backgroundIs(bool background);
   // When the armed task is due; meaningless while idle.
   Nanoseconds due() const { return due_; }
   std::uint64_t runs() const { return runs_; }
@@ -175,6 +237,7 @@ class TimerTask : public Task {
   void run();
 
   bool armed_ = false;
+  bool background_ = false;
   Nanoseconds due_ = 0;
   std::uint64_t armSequence_ = 0;
   std::uint64_t runs_ = 0;

@@ -136,7 +136,7 @@ TEST(ScenarioParserTest, ErrorsNameWhatWasWrong) {
        R"(unknown path "cell/0/ip/vrf/status/local" (expected one of mdns/config, mdns/status, l3/intf/status, ip/vrf/status/global, ip/vrf/status/local))"},
       {"load now", R"(unexpected argument "now" after load)"},
       {"show all",
-       R"(unknown show word "all" (expected calls, rules, iptables, state, types, plugin, sm or watchers))"},
+       R"(unknown show word "all" (expected calls, rules, iptables, state, types, plugin, sm, watchers or applied))"},
       {"show calls rules", R"(unexpected argument "rules" after show calls)"},
       {"advance", "missing duration (for example 10ms)"},
       {"advance 1m", R"(unknown unit "m" in duration "1m" (expected ns, us, ms or s))"},
@@ -165,8 +165,8 @@ TEST(ScenarioParserTest, LongValuesAreCutInMessages) {
                 std::string(kShownBytes - 15, 'n') + "... (315 bytes)");
   EXPECT_EQ(errorOf("show " + name),
             "t.scn:7: error: unknown show word \"" + std::string(kShownBytes, 'n') +
-                "\"... (300 bytes) (expected calls, rules, iptables, state, types, plugin, sm "
-                "or watchers)");
+                "\"... (300 bytes) (expected calls, rules, iptables, state, types, plugin, sm, "
+                "watchers or applied)");
 }
 
 // A line of millions of words is read only as far as its first surplus

@@ -64,6 +64,7 @@ std::string commandText(const CommandArgs& args) {
           [](const EchoCmd& c) { return "echo " + c.text; },
           [](const ShowCmd& c) { return "show " + std::string(showWord(c.what)); },
           [](const ClearCallsCmd&) { return std::string("clear calls"); },
+          [](const ResyncCmd&) { return std::string("resync"); },
       },
       args);
 }

@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include <unistd.h>
+
 #include "tests/platform/PlatformTesting.h"
 
 namespace {
@@ -140,6 +142,76 @@ TEST_F(PellTest, TheEndOfTimeIsALimitNotAWrapAround) {
   root_->advance(10 * kMs);
   EXPECT_THAT(log_, ElementsAre("soon"));
   EXPECT_TRUE(forever->armed());
+}
+
+// A pipe the loop watches; what its handler read is logged.
+class WatchedPipe {
+ public:
+  explicit WatchedPipe(Pell::TaskSchedulerRoot& root) : root_(root) {
+    if (pipe(fds_) != 0) throw std::runtime_error("pipe");
+    root_.fdWatchIs(fds_[0], [this] {
+      char buffer[64];
+      const ssize_t n = ::read(fds_[0], buffer, sizeof buffer);
+      read_ += std::string(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
+      if (n == 0) root_.fdWatchDel(fds_[0]);  // hung up
+      if (onRead) onRead();
+    });
+  }
+  ~WatchedPipe() {
+    root_.fdWatchDel(fds_[0]);
+    close(fds_[0]);
+    if (fds_[1] >= 0) close(fds_[1]);
+  }
+  void write(const std::string& text) {
+    ASSERT_EQ(::write(fds_[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void hangUp() { close(std::exchange(fds_[1], -1)); }
+  const std::string& read() const { return read_; }
+  std::function<void()> onRead;
+
+ private:
+  Pell::TaskSchedulerRoot& root_;
+  int fds_[2];
+  std::string read_;
+};
+
+TEST_F(PellTest, AdvanceRunsTheHandlersOfReadyDescriptorsBetweenTasks) {
+  WatchedPipe pipe(*root_);
+  auto task = taskIs(1, "task", [&] { pipe.write("from the task"); });
+  pipe.write("before");
+  task->scheduleTaskLowestDelay(0.01);
+  root_->advance(20 * kMs);
+  EXPECT_EQ(pipe.read(), "beforefrom the task");
+  EXPECT_THAT(log_, ElementsAre("task"));
+  // A handler may stop its own watch; the loop goes on without it.
+  pipe.hangUp();
+  root_->advance(0);
+  EXPECT_EQ(root_->fdWatches(), 0u);
+  EXPECT_THROW(root_->fdWatchIs(-1, [] {}), std::invalid_argument);
+}
+
+// Settle waits for work in flight, ended by a descriptor's handler; it does
+// not wait for background tasks, which run when an advance reaches them.
+TEST_F(PellTest, SettleWaitsForWorkInFlightAndNotForBackgroundTasks) {
+  WatchedPipe pipe(*root_);
+  auto retry = taskIs(1, "retry");
+  auto refresh = taskIs(1, "refresh", [&] {
+    root_->workInFlightInc();
+    pipe.write("done");
+  });
+  pipe.onRead = [&] { root_->workInFlightDec(); };
+  retry->backgroundIs(true);
+  retry->scheduleTaskLowestDelay(0.1);
+  refresh->scheduleTaskLowestDelay(0.01);
+  const Pell::Nanoseconds start = root_->now();
+  EXPECT_TRUE(root_->settle());
+  EXPECT_EQ(root_->workInFlight(), 0u);
+  EXPECT_EQ(pipe.read(), "done");
+  EXPECT_THAT(log_, ElementsAre("refresh"));
+  EXPECT_EQ(root_->now(), start + 10 * kMs);
+  root_->advance(90 * kMs);
+  EXPECT_THAT(log_, ElementsAre("refresh", "retry"));
+  EXPECT_THROW(root_->workInFlightDec(), std::logic_error);
 }
 
 // On the wall clock, arming counts from the real present, however long the loop idled.

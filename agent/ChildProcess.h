@@ -1,0 +1,106 @@
+// ChildProcess: one program run as a child process, optionally inside a
+// network namespace, whose output and end the event loop hears without ever
+// waiting for it.
+//
+//   ChildCommand command{"iptables-save", {"-t", "filter"}, netnsFd, ""};
+//   std::string error;
+//   auto child = ChildProcess::start(loop, command, 5'000'000'000,
+//                                    [](ChildResult result) { ... }, &error);
+//   if (!child) report(error);               // it never ran; `done` will not be called
+//
+// Standard input is a memory file holding `input`, so handing it over never
+// blocks; standard output and standard error come back through pipes watched
+// by the loop; the end is heard through a pidfd, and the timeout through a
+// timerfd (real time, on either clock), after which the child is killed with
+// SIGKILL. While the child runs it counts as work in flight on the loop, so
+// `settle` waits for it. `done` runs once, from a descriptor handler, after
+// the child has been reaped; it may destroy the `ChildProcess`.
+//
+// Destroying a `ChildProcess` whose child still runs kills and reaps it
+// without calling `done`.
+//
+// Threading: the event thread only. The process must have one thread when it
+// forks (the agent has); between fork and exec the child makes only
+// async-signal-safe calls.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Pell.h"
+
+namespace AclAgent {
+
+struct ChildCommand {
+  // Looked up on PATH when it holds no '/'.
+  std::string program;
+  std::vector<std::string> args;
+  // A network namespace to enter before running the program; -1: stay. The
+  // caller keeps it open until `start` or `run` returns.
+  int netnsFd = -1;
+  std::string input;
+};
+
+struct ChildResult {
+  // Set when the program never ran: it was not found, could not be started,
+  // or the namespace could not be entered.
+  std::string failure;
+  bool exited = false;  // with `status`; otherwise killed by `signal`
+  int status = 0;
+  int signal = 0;
+  bool timedOut = false;
+  std::string out;
+  std::string err;
+
+  bool ok() const { return failure.empty() && !timedOut && exited && status == 0; }
+  // Why the run of `program` did not succeed, for a message: the failure, the
+  // timeout, the signal, `errors` (what it wrote on standard error, as the
+  // caller sums it up) or else its exit status.
+  std::string whyFailed(const std::string& program, Pell::Nanoseconds timeout,
+                        const std::string& errors) const;
+};
+
+class ChildProcess {
+ public:
+  using Done = std::function<void(ChildResult)>;
+
+  // Starts `command`, to be killed past `timeout` (none when not positive);
+  // null, with `*error` set, when it cannot be started.
+  static std::unique_ptr<ChildProcess> start(Zov::Ptr<Pell::TaskSchedulerRoot> loop,
+                                             const ChildCommand& command, Pell::Nanoseconds timeout,
+                                             Done done, std::string* error);
+  // Runs `command` to its end (or `timeout`) without an event loop.
+  static ChildResult run(const ChildCommand& command, Pell::Nanoseconds timeout);
+
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  int pid() const { return pid_; }
+
+  // Opens the network namespace file `path` for `ChildCommand::netnsFd`; -1
+  // when it cannot, with `*error` set, or empty when no such file exists.
+  static int openNamespace(const std::string& path, std::string* error);
+
+ private:
+  ChildProcess() = default;
+  void handleOutput(int& fd, std::string& into);
+  void handleEnd();
+  void handleTimeout();
+  void closeAll();
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
+  Done done_;
+  std::string program_;
+  int pid_ = -1;
+  int pidFd_ = -1;
+  int timerFd_ = -1;
+  int outFd_ = -1;
+  int errFd_ = -1;
+  int statusFd_ = -1;  // what the child says when it cannot exec
+  ChildResult result_;
+};
+
+}  // namespace AclAgent

@@ -1,0 +1,303 @@
+// The iptables backend's faults, driven with fake-iptables.sh standing in for
+// iptables-save and iptables-restore, on the loop's virtual clock: failures,
+// retries and their delays, timeouts, refused rules, namespaces that do not
+// exist, and the limit on children. What it does to the real kernel is tested
+// in kernel/IptablesKernelTest.cpp.
+#include "agent/IptablesBackend.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace AclAgent {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using State = IptablesBackend::State;
+
+constexpr Pell::Nanoseconds kMs = 1'000'000;
+const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
+const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
+
+class IptablesBackendTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char folder[] = "/tmp/acl-iptables-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    dir_ = folder;
+    for (const char* what : {"save", "restore"}) {
+      const std::string path = dir_ + "/" + what;
+      std::ofstream(path) << "#!/bin/sh\nexec bash '" << FAKE_IPTABLES_SCRIPT << "' " << what
+                          << " \"$@\"\n";
+      ::chmod(path.c_str(), 0755);
+    }
+    std::filesystem::create_directory(dir_ + "/netns");
+    ::setenv("FAKE_IPTABLES_DIR", dir_.c_str(), 1);
+    options_.iptablesSave = dir_ + "/save";
+    options_.iptablesRestore = dir_ + "/restore";
+    options_.netnsDir = dir_ + "/netns";
+    options_.resyncPeriod = 0;
+    options_.childTimeout = 2'000 * kMs;
+  }
+  void TearDown() override {
+    backend_.reset();
+    EXPECT_EQ(loop_->workInFlight(), 0u);
+    EXPECT_EQ(loop_->armedTasks(), 0u);
+    std::filesystem::remove_all(dir_);
+  }
+
+  IptablesBackend& backend() {
+    if (!backend_) backend_ = std::make_unique<IptablesBackend>(loop_, options_, errors_);
+    return *backend_;
+  }
+  void settle() { ASSERT_TRUE(loop_->settle()); }
+  // How the fake's next runs of `what` ("save" or "restore") behave.
+  void modeIs(const std::string& what, const std::string& mode) {
+    std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
+  }
+  std::string file(const std::string& name) const {
+    std::ifstream in(dir_ + "/" + name);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  int runs(const std::string& what) const {
+    std::istringstream log(file("log"));
+    int n = 0;
+    for (std::string line; std::getline(log, line);) n += line == what;
+    return n;
+  }
+  std::string restoreInput(int n) const { return file("restore." + std::to_string(n)); }
+  IptablesBackend::VrfStatus status(const std::string& vrf) {
+    for (const auto& s : backend().statuses()) {
+      if (s.vrf == vrf) return s;
+    }
+    ADD_FAILURE() << "no VRF " << vrf;
+    return {};
+  }
+  Pell::Nanoseconds dueIn() const { return loop_->nextDue() - loop_->now(); }
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  std::string dir_;
+  IptablesBackendOptions options_;
+  std::ostringstream errors_;
+  std::unique_ptr<IptablesBackend> backend_;
+};
+
+TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatestRules) {
+  const std::string why = "Fatal: can't open lock file /run/xtables.lock: Permission denied";
+  const std::string report =
+      "acl-agent: apply vrf \"default\": " + dir_ + "/restore failed: " + why;
+  modeIs("restore", "fail " + why);
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + "\n");
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(status("default").error, dir_ + "/restore failed: " + why);
+  EXPECT_FALSE(backend().allInPlace());
+
+  // 100 ms, doubling, up to 30 s; nothing runs before the delay is up.
+  int writes = 1;
+  for (Pell::Nanoseconds delay :
+       {100, 200, 400, 800, 1600, 3200, 6400, 12800, 25600, 30000, 30000}) {
+    ASSERT_EQ(loop_->armedTasks(), 1u);
+    EXPECT_EQ(dueIn(), delay * kMs);
+    loop_->advance(delay * kMs - 1);
+    settle();
+    EXPECT_EQ(runs("restore"), writes);
+    loop_->advance(1);
+    settle();
+    EXPECT_EQ(runs("restore"), ++writes);
+  }
+  EXPECT_EQ(status("default").writes, static_cast<std::uint64_t>(writes));
+
+  // New rules are tried at once; once the program works again the latest
+  // rules stand, and the next failure starts again from 100 ms.
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  EXPECT_EQ(runs("restore"), ++writes);
+  modeIs("restore", "ok");
+  loop_->advance(30'000 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(status("default").error, "");
+  EXPECT_THAT(restoreInput(runs("restore")), HasSubstr(kGateway));
+  EXPECT_TRUE(backend().allInPlace());
+  modeIs("restore", "fail " + why);
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(dueIn(), 100 * kMs);
+}
+
+TEST_F(IptablesBackendTest, ARefusedRuleIsReportedOnceAndLeftOutAndTheRestWrittenAtOnce) {
+  const std::string bad = "-p udp --bogus 1 -j ACCEPT";
+  const std::string longChain(20, 'C');  // its owned chain's name would be 29 bytes
+  modeIs("restore", "refuse --bogus");
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns, bad, kGateway}}, {longChain, {kMdns}}});
+  settle();
+  const std::string refused = "rule \"" + bad + "\" refused: unknown option \"--bogus\"";
+  const std::string reports = "acl-agent: apply vrf \"default\": chain \"" + longChain +
+                              "\" cannot be applied: its owned chain \"ACLAGENT-" + longChain +
+                              "\" would be 29 bytes, over iptables' limit of 28\n" +
+                              "acl-agent: apply vrf \"default\": " + refused + "\n";
+  EXPECT_EQ(errors_.str(), reports);
+  ASSERT_EQ(runs("restore"), 2);
+  EXPECT_THAT(restoreInput(1), Not(HasSubstr(longChain)));
+  EXPECT_THAT(restoreInput(1), HasSubstr(bad));
+  EXPECT_THAT(restoreInput(2), HasSubstr(kMdns));
+  EXPECT_THAT(restoreInput(2), HasSubstr(kGateway));
+  EXPECT_THAT(restoreInput(2), Not(HasSubstr(bad)));
+  // The rest stands, but not every rule: the VRF is not in place.
+  EXPECT_EQ(status("default").state, State::kFailed);
+  EXPECT_EQ(status("default").rules, 4u);
+  EXPECT_FALSE(backend().allInPlace());
+
+  // A resync finds what can stand in place: no write, no second report.
+  backend().resync();
+  settle();
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_EQ(errors_.str(), reports);
+  // Without the refused rule, what stands is all that must.
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_TRUE(backend().allInPlace());
+}
+
+TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried) {
+  options_.childTimeout = 200 * kMs;
+  modeIs("save", "hang");
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
+                               "/save did not finish within 0.2 s and was killed\n");
+  const pid_t hung = std::stoi(file("save.pid"));
+  EXPECT_EQ(::kill(hung, 0), -1);  // killed and reaped
+  EXPECT_EQ(errno, ESRCH);
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(status("default").writes, 0u);
+
+  modeIs("save", "ok");
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(status("default").writes, 1u);
+
+  // A backend that goes kills what it still runs.
+  modeIs("save", "hang");
+  backend().resync();
+  EXPECT_EQ(loop_->workInFlight(), 1u);
+  backend_.reset();
+  EXPECT_EQ(loop_->workInFlight(), 0u);
+  EXPECT_EQ(loop_->fdWatches(), 0u);
+}
+
+TEST_F(IptablesBackendTest, ThePeriodicResyncRepairsSomeoneElsesEditsAndSettleDoesNotWaitForIt) {
+  options_.resyncPeriod = 90'000 * kMs;
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  ASSERT_EQ(runs("restore"), 1);
+  // Someone deletes our jump.
+  const std::string table = file("table");
+  std::ofstream(dir_ + "/table") << std::regex_replace(table, std::regex("-A INPUT .*\n"), "");
+
+  settle();
+  EXPECT_EQ(runs("save"), 1);
+  loop_->advance(90'000 * kMs - 1);
+  settle();
+  EXPECT_EQ(runs("save"), 1);
+  loop_->advance(1);
+  settle();
+  EXPECT_EQ(runs("save"), 2);
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_EQ(file("table"), table);
+  EXPECT_EQ(status("default").repairs, 1u);
+  loop_->advance(90'000 * kMs);  // and again, every period
+  settle();
+  EXPECT_EQ(runs("save"), 3);
+  EXPECT_EQ(runs("restore"), 2);
+}
+
+TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesFail) {
+  const ChainRules rules{{"INPUT", {kMdns}}};
+  backend().vrfSeen("red", rules);
+  backend().vrfSeen("blue", ChainRules{});
+  settle();
+  EXPECT_EQ(backend().appliedText(),
+            "applied vrf=\"blue\" netns=\"blue\" state=ok rules=0 writes=0 repairs=0\n"
+            "applied vrf=\"red\" netns=\"red\" state=waiting rules=1 writes=0 repairs=0 "
+            "error=\"no namespace\"\n");
+  EXPECT_EQ(runs("save"), 0);
+  EXPECT_EQ(errors_.str(), "");  // waiting is not an error
+
+  // It is tried again as soon as the VRF is seen with its namespace there
+  // (here a file that is not a namespace, which the child cannot enter).
+  backend().vrfSeen("red", std::nullopt);
+  EXPECT_EQ(status("red").error, "no namespace");
+  std::ofstream(dir_ + "/netns/red") << "";
+  backend().vrfSeen("red", std::nullopt);
+  settle();
+  EXPECT_THAT(errors_.str(), StartsWith("acl-agent: apply vrf \"red\": cannot enter the network "
+                                        "namespace: "));
+  EXPECT_EQ(runs("save"), 0);
+  loop_->advance(100 * kMs);  // the retry, which fails the same way
+  settle();
+
+  errors_.str("");
+  for (int twice = 0; twice < 2; ++twice) {
+    for (const char* name : {"", "..", "a/b"}) backend().vrfSeen(name, rules);
+  }
+  settle();
+  EXPECT_EQ(errors_.str(),
+            "acl-agent: apply vrf \"\": the namespace name is empty\n"
+            "acl-agent: apply vrf \"..\": \"..\" is not a namespace name\n"
+            "acl-agent: apply vrf \"a/b\": a namespace name cannot hold '/'\n");
+  EXPECT_EQ(status("a/b").state, State::kFailed);
+  EXPECT_EQ(runs("save"), 0);
+}
+
+TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules) {
+  if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
+  options_.maxChildren = 2;
+  modeIs("save", "slow 0.1");
+  for (int i = 1; i <= 5; ++i) {
+    ::symlink("/proc/self/ns/net", (dir_ + "/netns/v" + std::to_string(i)).c_str());
+    backend().vrfSeen(
+        "v" + std::to_string(i),
+        ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
+  }
+  EXPECT_EQ(loop_->workInFlight(), 2u);
+  // v1 is being read back: its write, after that, has these rules.
+  backend().vrfSeen("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
+  EXPECT_EQ(loop_->workInFlight(), 2u);
+  settle();
+
+  int running = 0, most = 0;
+  for (const char c : file("running")) {
+    if (c == '+') most = std::max(most, ++running);
+    if (c == '-') --running;
+  }
+  EXPECT_EQ(most, 2);
+  EXPECT_EQ(runs("restore"), 5);
+  bool latest = false;
+  for (int n = 1; n <= 5; ++n) {
+    EXPECT_THAT(restoreInput(n), Not(HasSubstr("--dport 1 ")));
+    latest = latest || restoreInput(n).find("--dport 1001 ") != std::string::npos;
+  }
+  EXPECT_TRUE(latest);
+  for (const auto& s : backend().statuses()) EXPECT_EQ(s.writes, 1u) << s.vrf;
+}
+
+}  // namespace
+}  // namespace AclAgent

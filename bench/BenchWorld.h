@@ -71,6 +71,8 @@ struct World {
   static L3::VrfName vrfName(int j) {
     return j == 0 ? L3::VrfName::defaultVrf() : L3::VrfName("vrf" + std::to_string(j));
   }
+  // One finish per VRF, then the gateway decision's finish of "default".
+  static std::uint64_t finishesPerRefresh(int vrfs) { return static_cast<std::uint64_t>(vrfs) + 1; }
 
   Zov::Ptr<McastDns::CpAclSm> stateMachine(const Zov::Ptr<Acl::PluginContext>& context) const;
   // A state database holding the five entities at the paths the plugin

@@ -65,7 +65,8 @@ void BM_StartUp(benchmark::State& state) {
   state.counters["l3WatcherB"] = bytesPerWatcher(kL3Watcher, kL3Reactor, l3Watcher, l3Reactor);
   state.counters["heapB/intf"] = heapPerIntf;
   if (sm->linkStatusAclSms().size() != static_cast<std::size_t>(n) ||
-      sm->l3IntfStatusAclSms().size() != static_cast<std::size_t>(n) || sm->refreshes() != 1) {
+      sm->l3IntfStatusAclSms().size() != static_cast<std::size_t>(n) ||
+      context->finishes() != World::finishesPerRefresh(kVrfs)) {
     state.SkipWithError("start-up did not build one watcher per entry and one refresh");
   }
   releaseStateMachine(sm);

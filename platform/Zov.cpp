@@ -13,6 +13,15 @@ namespace Zov {
 
 bool VFPtrInterface::threadSafePointers_ = false;
 
+// --- precondition checks ----------------------------------------------------------
+
+void Impl::dcheckFailed(const char* file, int line, const char* condition,
+                        const char* message) noexcept {
+  std::fprintf(stderr, "%s:%d: check failed: %s: %s\n", file, line, condition, message);
+  std::fflush(stderr);
+  std::abort();
+}
+
 // --- errors -----------------------------------------------------------------
 
 std::string FwkType::name() const {
@@ -78,7 +87,13 @@ void PtrInterface::handleZeroRef() const noexcept {
 
 // --- notifiee lists -------------------------------------------------------------
 
-NotifieeList::~NotifieeList() = default;
+NotifieeList::~NotifieeList() {
+  // A registered reactor holds its notifier, so a notifier can only die with
+  // reactors in its list when someone destroyed it past its count; they would
+  // then hold a freed object.
+  ZOV_DCHECK(visiting_ == 0, "a notifier was destroyed while its notifiee list was being visited");
+  ZOV_DCHECK(empty(), "a notifier was destroyed with notifiees still in its list");
+}
 
 std::size_t NotifieeList::size() const {
   return static_cast<std::size_t>(

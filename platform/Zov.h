@@ -496,6 +496,7 @@ class AllocTrackTypeInfo {
                                                                             \
  private:
 
+#include "platform/ZovCheck.h"
 #include "platform/ZovCollections.h"
 #include "platform/ZovGeneric.h"
 #include "platform/ZovModule.h"

@@ -52,8 +52,12 @@ class HashMapGeneric {
 
   // Inserts `member` under its own key.
   // REQUIRES: `member` is not null, belongs to no collection, and no member is
-  // held under its key.
+  // held under its key; no walk is running.
   void newMember(const Ptr<Member>& member) {
+    ZOV_DCHECK(member, "a null member cannot be inserted");
+    ZOV_DCHECK(walks_ == 0, "a member was inserted during a walk");
+    ZOV_DCHECK(!find(Traits::key(*member)), "a member is already held under this key");
+    ZOV_DCHECK(!Traits::next(*member), "the member is linked into a collection");
     if (size_ + 1 > buckets_.size()) grow();
     Ptr<Member>& head = buckets_[bucketOf(Traits::key(*member))];
     Traits::next(*member) = std::move(head);
@@ -76,7 +80,9 @@ class HashMapGeneric {
 
   // Removes every member; each one whose last reference goes is destroyed.
   // The bucket storage stays for reuse.
+  // REQUIRES: no walk is running.
   void memberDelAll() {
+    ZOV_DCHECK(walks_ == 0, "the members were removed during a walk");
     for (Ptr<Member>& head : buckets_) {
       Ptr<Member> m = std::move(head);
       while (m) {
@@ -93,15 +99,24 @@ class HashMapGeneric {
     std::vector<Ptr<Member>>(1).swap(buckets_);
   }
 
-  // Calls `visit(const Ptr<Member>&)` once for every member. The visit may
-  // remove the member it is given; it must not remove others or insert.
+  // Calls `visit(const Ptr<Member>&)` once for every member.
+  // REQUIRES: the visit removes no member but the one it is given, and
+  // inserts none.
   template <class Visit>
   void forEachMember(Visit&& visit) const {
+    ++walks_;
+    struct EndWalk {
+      const HashMapGeneric& map;
+      ~EndWalk() { --map.walks_; }
+    } endWalk{*this};
     for (std::size_t b = 0; b < buckets_.size(); ++b) {
       Ptr<Member> m = buckets_[b];
       while (m) {
         Ptr<Member> next = Traits::next(*m);
+        [[maybe_unused]] const std::size_t before = size_;
         visit(m);
+        ZOV_DCHECK(size_ == before || (size_ + 1 == before && find(Traits::key(*m)) != m.ptr()),
+                   "a walk's visit removed a member other than the one it was given");
         m = std::move(next);
       }
     }
@@ -133,6 +148,9 @@ class HashMapGeneric {
 
   std::vector<Ptr<Member>> buckets_;
   std::size_t size_ = 0;
+  // Walks running now; a walk holds the next member while it visits one, so
+  // that member must stay in place.
+  mutable std::uint32_t walks_ = 0;
 };
 
 // The collection of a published entity: at most one counted entry per key.

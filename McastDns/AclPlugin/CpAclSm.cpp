@@ -6,6 +6,8 @@
 #include "McastDns/AclPlugin/CpAclSmReactors.h"
 #include "McastDns/AclPlugin/L3IntfStatusAclSm.h"
 #include "McastDns/AclPlugin/LinkStatusAclSm.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
+#include "McastDns/AclPlugin/PluginTypes.h"
 
 namespace McastDns {
 
@@ -72,9 +74,7 @@ CpAclSm::CpAclSm(Dovix::AddressFamily af, const Zov::Ptr<const Config>& mcastDns
       context_(context),
       mdnsIptRule_(initialMdnsIptRule()),
       mdnsGwIptRule_(initialMdnsGwIptRule()),
-      dirtyAcl_(false),
-      scheduler_(Pell::TaskSchedulerRoot::findOrCreateScheduler()),
-      initialized_(false) {
+      scheduler_(Pell::TaskSchedulerRoot::findOrCreateScheduler()) {
   handleInitialized();
 }
 
@@ -85,20 +85,19 @@ Zov::FwkType CpAclSm::fwkType() const {
 // --- attributes -------------------------------------------------------------------
 
 Zov::Ptr<const Config> CpAclSm::mcastDnsConfig() const {
-  return zovMcastDnsConfig_ ? Zov::Ptr<const Config>(zovMcastDnsConfig_->entity()) : nullptr;
+  return Zov::Ptr<const Config>(config());
 }
 
 Zov::Ptr<const Status> CpAclSm::mcastDnsStatus() const {
-  return zovMcastDnsStatus_ ? Zov::Ptr<const Status>(zovMcastDnsStatus_->entity()) : nullptr;
+  return Zov::Ptr<const Status>(status());
 }
 
 Zov::Ptr<const L3::Intf::StatusDir> CpAclSm::l3IntfStatusDir() const {
-  return zovL3IntfStatusDir_ ? Zov::Ptr<const L3::Intf::StatusDir>(zovL3IntfStatusDir_->entity())
-                             : nullptr;
+  return Zov::Ptr<const L3::Intf::StatusDir>(intfStatusDir());
 }
 
 Zov::Ptr<Pell::TimerTask> CpAclSm::refreshAclsTask() const {
-  return refreshAclsTask_ ? refreshAclsTask_->timerTask() : nullptr;
+  return Zov::Ptr<Pell::TimerTask>(timerTask());
 }
 
 // --- notification and zombies -----------------------------------------------------
@@ -116,30 +115,12 @@ void CpAclSm::hasNotificationActiveIs(bool active) {
       [active](const Zov::Ptr<LinkStatusAclSm>& w) { w->hasNotificationActiveIs(active); });
 }
 
-namespace {
-// Passes a zombie state to a reactor, holding it for the call.
-template <class Reactor>
-void zombify(const Zov::Ptr<Reactor>& reactor, bool zombie) {
-  if (!reactor) return;
-  Zov::Ptr<Reactor> hold = reactor;
-  hold->zovDoZombieReactors(zombie);
-}
-
-// Cuts a reactor's link to its owner, holding it for the write.
-template <class Reactor>
-void detach(const Zov::Ptr<Reactor>& reactor) {
-  if (!reactor) return;
-  Zov::Ptr<Reactor> hold = reactor;
-  hold->ownerIs(nullptr);
-}
-}  // namespace
-
 void CpAclSm::zovDoZombieReactors(bool zombie) {
   if (zombie == zovMarkedForDeletion()) return;
-  zombify(zovMcastDnsConfig_, zombie);
-  zombify(zovMcastDnsStatus_, zombie);
-  zombify(zovL3IntfStatusDir_, zombie);
-  zombify(refreshAclsTask_, zombie);
+  zombieStateIs(zovMcastDnsConfig_, zombie);
+  zombieStateIs(zovMcastDnsStatus_, zombie);
+  zombieStateIs(zovL3IntfStatusDir_, zombie);
+  zombieStateIs(refreshAclsTask_, zombie);
   zovMarkedForDeletionIs(zombie);
 }
 
@@ -158,19 +139,8 @@ CpAclSm::~CpAclSm() {
       [](const Zov::Ptr<LinkStatusAclSm>& watcher) { watcher->parentIs(nullptr); });
   l3IntfStatusAclSm_.memberDelAll();
   linkStatusAclSm_.memberDelAll();
-  linkStatusAclSm_.emptyAllBuckets();
-  l3IntfStatusAclSm_.emptyAllBuckets();
-  // The remaining members go in reverse declaration order; the input
-  // reactors release what they watch as they go.
-  scheduler_ = nullptr;
-  mdnsGwIptRule_ = Zov::String();
-  mdnsIptRule_ = Zov::String();
-  context_ = nullptr;
-  allVrfStatusLocal_ = nullptr;
-  allVrfStatusGlobal_ = nullptr;
-  zovL3IntfStatusDir_ = nullptr;
-  zovMcastDnsStatus_ = nullptr;
-  zovMcastDnsConfig_ = nullptr;
+  // The rest, the collections' storage first, goes in the reverse order of
+  // the members' declaration.
 }
 
 // --- the refresh task -----------------------------------------------------------------
@@ -178,21 +148,19 @@ CpAclSm::~CpAclSm() {
 Zov::Ptr<Pell::TimerTask> CpAclSm::refreshAclsTaskIs(
     const Zov::Ptr<Pell::TaskScheduler>& taskScheduler, Pell::TaskPriority taskPriority,
     const Zov::String& taskName) {
-  if (refreshAclsTask_) {
-    Pell::TimerTask* task = refreshAclsTask_->timerTask();
-    if (task && task->taskScheduler() == taskScheduler && task->taskPriority() == taskPriority &&
-        task->taskName() == taskName) {
-      return Zov::Ptr<Pell::TimerTask>(task);
-    }
+  if (Pell::TimerTask* task = timerTask(); task && task->taskScheduler() == taskScheduler &&
+                                           task->taskPriority() == taskPriority &&
+                                           task->taskName() == taskName) {
+    return Zov::Ptr<Pell::TimerTask>(task);
   }
   Zov::Ptr<ZovRefreshAclsTask> reactor(
       new ZovRefreshAclsTask(this, taskScheduler, taskPriority, taskName));
   reactor->hasNotificationActiveIs(true);
   Zov::Ptr<ZovRefreshAclsTask> old = std::exchange(refreshAclsTask_, reactor);
   reactor->zovDoZombieReactors(zovMarkedForDeletion());
-  if (old) old->zovDoZombieReactors(true);
+  zombieStateIs(old, true);
   handleRefreshAcls(false);
-  if (old) old->ownerIs(nullptr);
+  detach(old);
   Zov::Ptr<Pell::TimerTask> task(reactor->timerTask());
   task->hasNotificationActiveIs(true);
   return task;

@@ -37,6 +37,7 @@
 namespace McastDns {
 
 class CpAclSm;
+class L3IntfStatusAclSm;
 class LinkStatusAclSm;
 
 // The hash of the refresh's VRF table.
@@ -48,7 +49,6 @@ struct ZovHash<L3::VrfName> {
     return Zov::hashSingleAttr(0, name);
   }
 };
-class L3IntfStatusAclSm;
 
 // How the watcher collections find, hash and chain their members.
 struct LinkStatusAclSmKeyTraits {
@@ -217,10 +217,17 @@ class CpAclSm : public Zov::PtrInterface {
   void handleLinkStatus();
   void zov_handleRefreshAclsTask_taskRun();
 
-  // Refreshes that went ahead, for tools and tests.
-  std::uint64_t refreshes() const { return refreshes_; }
-
  private:
+  // The watched inputs and the refresh timer, each null when absent.
+  const Config* config() const;
+  const Status* status() const;
+  const L3::Intf::StatusDir* intfStatusDir() const;
+  Pell::TimerTask* timerTask() const;
+
+  // Members are released in the reverse of this order, after the destructor's
+  // body: the watcher collections' storage (links, then interfaces), the
+  // refresh reactor, the scheduler, the rule texts, the context, the VRF
+  // views, and last the input reactors with what they watch.
   Dovix::AddressFamily af_;
   Zov::Ptr<ZovMcastDnsConfig> zovMcastDnsConfig_;
   Zov::Ptr<ZovMcastDnsStatus> zovMcastDnsStatus_;
@@ -236,7 +243,6 @@ class CpAclSm : public Zov::PtrInterface {
   L3IntfStatusAclSmMap l3IntfStatusAclSm_;
   LinkStatusAclSmMap linkStatusAclSm_;
   bool initialized_ = false;
-  std::uint64_t refreshes_ = 0;
 };
 
 // Forwards to `CpAclSm::CpAclSmIs`.

@@ -5,7 +5,7 @@
 
 #include "McastDns/AclPlugin/CpAclSm.h"
 #include "McastDns/AclPlugin/CpAclSmReactors.h"
-#include "McastDns/AclPlugin/Trace.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
 
 namespace McastDns {
 
@@ -52,11 +52,10 @@ void CpAclSm::handleRefreshAcls(bool force) {
   // true: the VRF needs the rule; false: it is known and must not have it.
   std::unordered_map<L3::VrfName, bool, ZovHash<L3::VrfName>> vrfs;
 
-  const Status* status = zovMcastDnsStatus_ ? zovMcastDnsStatus_->entity() : nullptr;
-  const L3::Intf::StatusDir* intfDir =
-      zovL3IntfStatusDir_ ? zovL3IntfStatusDir_->entity() : nullptr;
-  if (status && intfDir) {
-    for (const auto& [key, link] : status->linkStatus()) {
+  const Status* links = status();
+  const L3::Intf::StatusDir* intfDir = intfStatusDir();
+  if (links && intfDir) {
+    for (const auto& [key, link] : links->linkStatus()) {
       // Testing the state first spares the interface lookup for links that
       // are not up; the outcome is the same.
       if (link->state() != LinkStatus::kStateUp) continue;
@@ -75,16 +74,14 @@ void CpAclSm::handleRefreshAcls(bool force) {
     for (const auto& [vrf, needed] : vrfs) {
       decideRule(*context, vrf, kMdnsSequence, mdnsIptRule_, needed);
     }
-    const Config* config = zovMcastDnsConfig_ ? zovMcastDnsConfig_->entity() : nullptr;
-    decideRule(*context, L3::VrfName::defaultVrf(), kGatewaySequence, mdnsGwIptRule_,
-               config && config->gatewayEnabled() && config->gatewaySetting() != 0);
+    const Config* configuration = config();
+    decideRule(
+        *context, L3::VrfName::defaultVrf(), kGatewaySequence, mdnsGwIptRule_,
+        configuration && configuration->gatewayEnabled() && configuration->gatewaySetting() != 0);
   }
 
-  if (force && refreshAclsTask_) {
-    if (Pell::TimerTask* task = refreshAclsTask_->timerTask()) task->stopTimerTask();
-  }
+  if (Pell::TimerTask* task = force ? timerTask() : nullptr) task->stopTimerTask();
   dirtyAcl_ = false;
-  ++refreshes_;
 }
 
 }  // namespace McastDns

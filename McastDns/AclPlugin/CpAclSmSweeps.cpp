@@ -5,7 +5,7 @@
 #include "McastDns/AclPlugin/CpAclSmReactors.h"
 #include "McastDns/AclPlugin/L3IntfStatusAclSm.h"
 #include "McastDns/AclPlugin/LinkStatusAclSm.h"
-#include "McastDns/AclPlugin/Trace.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
 
 namespace McastDns {
 
@@ -14,9 +14,7 @@ void CpAclSm::handleLinkChange() {
   if (!initialized_ || dirtyAcl_) return;
   // A pending refresh reads the state when it runs, so it covers every change
   // that comes before it: only the first change of a burst arms the timer.
-  if (Pell::TimerTask* task = refreshAclsTask_ ? refreshAclsTask_->timerTask() : nullptr) {
-    task->scheduleTaskLowestDelay(refreshAclsDelay());
-  }
+  if (Pell::TimerTask* task = timerTask()) task->scheduleTaskLowestDelay(refreshAclsDelay());
   dirtyAcl_ = true;
 }
 
@@ -24,8 +22,8 @@ void CpAclSm::handleLinkStatus(const IntfKey& intfKey) {
   MCASTDNS_TRACE(kTraceHandler, "handleLinkStatus")
       << "void McastDns::CpAclSm::handleLinkStatus(const McastDns::IntfKey&)";
   if (!initialized_) return;
-  const Status* status = zovMcastDnsStatus_ ? zovMcastDnsStatus_->entity() : nullptr;
-  if (const LinkStatus* link = status ? status->linkStatus(intfKey) : nullptr) {
+  const Status* links = status();
+  if (const LinkStatus* link = links ? links->linkStatus(intfKey) : nullptr) {
     linkStatusAclSmIs(Zov::Ptr<const LinkStatus>(link));
     return;
   }
@@ -36,7 +34,7 @@ void CpAclSm::handleL3IntfStatus(Dovix::IntfId intfId) {
   MCASTDNS_TRACE(kTraceHandler, "handleL3IntfStatus")
       << "void McastDns::CpAclSm::handleL3IntfStatus(Dovix::IntfId)";
   if (!initialized_) return;
-  const L3::Intf::StatusDir* dir = zovL3IntfStatusDir_ ? zovL3IntfStatusDir_->entity() : nullptr;
+  const L3::Intf::StatusDir* dir = intfStatusDir();
   if (const L3::Intf::Status* intf = dir ? dir->intfStatus(intfId) : nullptr) {
     // A replaced interface status gets a new watcher; the old one leaves
     // quietly, since the new one's creation schedules the refresh.
@@ -66,7 +64,7 @@ void CpAclSm::handleL3IntfStatus() {
   MCASTDNS_TRACE(kTraceHandler, "handleL3IntfStatus")
       << "void McastDns::CpAclSm::handleL3IntfStatus()";
   if (!initialized_) return;
-  const L3::Intf::StatusDir* dir = zovL3IntfStatusDir_ ? zovL3IntfStatusDir_->entity() : nullptr;
+  const L3::Intf::StatusDir* dir = intfStatusDir();
   prune(l3IntfStatusAclSm_, dir ? &dir->intfStatus() : nullptr);
   if (!dir) return;
   for (const auto& entry : dir->intfStatus()) {
@@ -77,10 +75,10 @@ void CpAclSm::handleL3IntfStatus() {
 void CpAclSm::handleLinkStatus() {
   MCASTDNS_TRACE(kTraceHandler, "handleLinkStatus") << "void McastDns::CpAclSm::handleLinkStatus()";
   if (!initialized_) return;
-  const Status* status = zovMcastDnsStatus_ ? zovMcastDnsStatus_->entity() : nullptr;
-  prune(linkStatusAclSm_, status ? &status->linkStatus() : nullptr);
-  if (!status) return;
-  for (const auto& entry : status->linkStatus()) {
+  const Status* links = status();
+  prune(linkStatusAclSm_, links ? &links->linkStatus() : nullptr);
+  if (!links) return;
+  for (const auto& entry : links->linkStatus()) {
     if (entry.second) handleLinkStatus(entry.second->intfKey());
   }
 }

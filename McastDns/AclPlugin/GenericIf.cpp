@@ -3,7 +3,7 @@
 #include <charconv>
 
 #include "McastDns/AclPlugin/McastDnsAclPlugin.h"
-#include "McastDns/AclPlugin/ZovModule.h"
+#include "McastDns/AclPlugin/PluginTypes.h"
 
 Zov::GenericValue Zov::GenericConvert<McastDns::IntfKey>::to(const McastDns::IntfKey& key) {
   return Zov::String(key.intfId.name().str() + "#" + std::to_string(key.index));

@@ -17,8 +17,9 @@
 #pragma once
 
 #include "McastDns/AclPlugin/CpAclSm.h"
-#include "McastDns/AclPlugin/Trace.h"
-#include "McastDns/AclPlugin/ZovModule.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
+#include "McastDns/AclPlugin/PluginTypes.h"
+#include "McastDns/AclPlugin/Reactor.h"
 
 namespace McastDns {
 
@@ -39,59 +40,34 @@ class IntfWatcher : public Zov::PtrInterface {
   static constexpr Zov::AttributeId kHandleInitialized = 136;
 
   // Reacts to the watched attribute of one entity.
-  class Reactor : public Zov::PtrInterface::NotifieeConst {
+  class ZovWatched : public Reactor<IntfWatcher, Entity> {
     ZOV_TRACKED_ALLOCATION(Watch::kReactorRecord)
 
    public:
-    Reactor(const Zov::Ptr<const Entity>& notifier, IntfWatcher* owner) : owner_(owner) {
-      NotifieeConst::notifierIs(notifier.ptr());
-      isRegisteredNotifieeIs(true);
-    }
-    ~Reactor() override { zovDoZombieReactors(true); }
+    ZovWatched(const Zov::Ptr<const Entity>& notifier, IntfWatcher* owner)
+        : Reactor<IntfWatcher, Entity>(owner, notifier.ptr()) {}
 
     void onAttribute(Zov::AttributeId id, const void*) override {
-      if (id != Watch::kWatchedAttribute || zovMarkedForDeletion() || !owner_) return;
-      owner_->handleChange();
+      if (id != Watch::kWatchedAttribute) return;
+      if (IntfWatcher* owner = this->liveOwner()) owner->handleChange();
     }
-    void zovDoZombieReactors(bool zombie) override {
-      if (zombie == zovMarkedForDeletion()) return;
-      if (notifier()) hasNotificationActiveIs(!zombie);
-      zovMarkedForDeletionIs(zombie);
-    }
-    // Re-points the reactor; anything but an `Entity` counts as none.
+    // A new entity may have another value of the watched attribute.
     void notifierIs(const Zov::Ptr<const Zov::PtrInterface>& notifier) {
-      const Entity* entity = dynamic_cast<const Entity*>(notifier.ptr());
-      if (entity == this->entity()) return;
-      NotifieeConst::notifierIs(entity);
-      if (entity && !zovMarkedForDeletion() && owner_) owner_->handleChange();
-      isRegisteredNotifieeIs(true);
+      this->repoint(notifier, &IntfWatcher::handleChange);
     }
-
-    const Entity* entity() const { return static_cast<const Entity*>(notifier()); }
-    void ownerIs(IntfWatcher* owner) { owner_ = owner; }
-
-   private:
-    IntfWatcher* owner_;
   };
 
-  IntfWatcher(const Zov::Ptr<const Entity>& entity, CpAclSm* parent) {
-    if (entity) {
-      reactor_ = new Reactor(entity, this);
-      reactor_->hasNotificationActiveIs(true);
-    }
-    initialized_ = false;
-    parent_ = parent;
+  IntfWatcher(const Zov::Ptr<const Entity>& entity, CpAclSm* parent)
+      : reactor_(entity ? new ZovWatched(entity, this) : nullptr), parent_(parent) {
+    if (reactor_) reactor_->hasNotificationActiveIs(true);
     handleInitialized();
   }
 
+  // What remains goes in the reverse order of the members' declaration: the
+  // collection link, then the reactor with the entity it holds.
   ~IntfWatcher() override {
     zovDoZombieReactors(true);
-    if (reactor_) {
-      Zov::Ptr<Reactor> hold = reactor_;
-      hold->ownerIs(nullptr);
-    }
-    next_ = nullptr;
-    reactor_ = nullptr;
+    detach(reactor_);
   }
 
   Zov::FwkType fwkType() const override { return fwkTypeOf(Watch::kType); }
@@ -104,10 +80,7 @@ class IntfWatcher : public Zov::PtrInterface {
 
   void zovDoZombieReactors(bool zombie) override {
     if (zombie == zovMarkedForDeletion()) return;
-    if (reactor_) {
-      Zov::Ptr<Reactor> hold = reactor_;
-      hold->zovDoZombieReactors(zombie);
-    }
+    zombieStateIs(reactor_, zombie);
     zovMarkedForDeletionIs(zombie);
   }
 
@@ -119,14 +92,12 @@ class IntfWatcher : public Zov::PtrInterface {
   }
 
   // The watched entity without taking a reference, or null.
-  const Entity* watchedEntity() const { return reactor_ ? reactor_->entity() : nullptr; }
+  const Entity* watchedEntity() const { return entityOf(reactor_); }
   // The watched entity, or none for a watcher built without one.
-  Zov::Ptr<const Entity> watched() const {
-    return reactor_ ? Zov::Ptr<const Entity>(reactor_->entity()) : nullptr;
-  }
+  Zov::Ptr<const Entity> watched() const { return Zov::Ptr<const Entity>(watchedEntity()); }
   // Computed from the watched entity on every read.
   Key key() const {
-    const Entity* entity = reactor_ ? reactor_->entity() : nullptr;
+    const Entity* entity = watchedEntity();
     return entity ? Watch::keyOf(*entity) : Watch::emptyKey();
   }
   // The owning state machine; null once it has gone.
@@ -159,9 +130,9 @@ class IntfWatcher : public Zov::PtrInterface {
   Zov::Ptr<Derived>& next() { return next_; }
 
  private:
-  Zov::Ptr<Reactor> reactor_;
+  Zov::Ptr<ZovWatched> reactor_;
   CpAclSm* parent_;
-  bool initialized_;
+  bool initialized_ = false;
   Zov::Ptr<Derived> next_;
 };
 

@@ -27,10 +27,7 @@ class L3IntfStatusAclSm : public IntfWatcher<L3IntfStatusAclSm, L3IntfStatusWatc
   ZOV_TRACKED_ALLOCATION("McastDns::L3IntfStatusAclSm")
 
  public:
-  using ZovL3IntfStatus = Reactor;
-  static constexpr Zov::AttributeId kL3IntfStatus = kWatched;
-  static constexpr Zov::AttributeId kIntfId = kKey;
-  static constexpr Zov::AttributeId kHandleVrf = kHandleChange;
+  using ZovL3IntfStatus = ZovWatched;
 
   // Creates a watcher and switches its notification on.
   static Zov::Ptr<L3IntfStatusAclSm> L3IntfStatusAclSmIs(

@@ -27,10 +27,7 @@ class LinkStatusAclSm : public IntfWatcher<LinkStatusAclSm, LinkStatusWatch> {
   ZOV_TRACKED_ALLOCATION("McastDns::LinkStatusAclSm")
 
  public:
-  using ZovLinkStatus = Reactor;
-  static constexpr Zov::AttributeId kLinkStatus = kWatched;
-  static constexpr Zov::AttributeId kIntfKey = kKey;
-  static constexpr Zov::AttributeId kHandleState = kHandleChange;
+  using ZovLinkStatus = ZovWatched;
 
   // Creates a watcher and switches its notification on.
   static Zov::Ptr<LinkStatusAclSm> LinkStatusAclSmIs(const Zov::Ptr<const LinkStatus>& linkStatus,

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "McastDns/AclPlugin/Trace.h"
-#include "McastDns/AclPlugin/ZovModule.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
+#include "McastDns/AclPlugin/PluginTypes.h"
 #include "platform/Cell.h"
 
 namespace McastDns {
@@ -142,7 +142,6 @@ McastDnsAclPlugin::McastDnsAclPlugin() {
   Plugin::LoaderInitCaller* caller = loader->initCallerNodeIs(initCaller());
   Plugin::Impl::LoaderImpl::registerPlugin(loader->kind(), name, loader->version(), pluginVersion,
                                            description, caller);
-  aclPlugin_ = nullptr;
 }
 
 McastDnsAclPlugin::~McastDnsAclPlugin() = default;

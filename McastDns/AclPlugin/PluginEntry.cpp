@@ -9,8 +9,8 @@
 #include "McastDns/AclPlugin/L3IntfStatusAclSm.h"
 #include "McastDns/AclPlugin/LinkStatusAclSm.h"
 #include "McastDns/AclPlugin/McastDnsAclPlugin.h"
-#include "McastDns/AclPlugin/Trace.h"
-#include "McastDns/AclPlugin/ZovModule.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
+#include "McastDns/AclPlugin/PluginTypes.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ namespace {
 struct TypeRegistration {
   TypeRegistration() {
     Zov::zovModuleIs(&_McastDnsAclPlugin_95fe9596_zovModule);
-    McastDns::traceHandle();
+    McastDns::_defaultTraceHandle();
     McastDns::AclPlugin::allocTrackTypeInfo();
     McastDns::CpAclSm::allocTrackTypeInfo();
     McastDns::CpAclSm::ZovMcastDnsConfig::allocTrackTypeInfo();

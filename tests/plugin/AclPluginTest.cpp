@@ -9,6 +9,7 @@
 #include "mocks/MockPluginContext.h"
 #include "platform/Cell.h"
 #include "platform/PlatformTesting.h"
+#include "plugin/PluginTesting.h"
 
 namespace McastDns::test {
 namespace {
@@ -26,13 +27,15 @@ class AclPluginTest : public ::testing::Test {
     publish("mdns/status", new Status("status"));
     publish("l3/intf/status", new L3::Intf::StatusDir("intf"));
     publish("ip/vrf/status/global", new Ip::AllVrfStatusGlobal("global"));
-    publish(Cell::path("ip/vrf/status/local", 0), new Ip::AllVrfStatusLocal("local"));
+    publish(vrfLocalPath(), new Ip::AllVrfStatusLocal("local"));
   }
   ~AclPluginTest() override {
     listener_ = nullptr;
     plugin_ = nullptr;
     scheduler_->settle();
   }
+
+  static Zov::String vrfLocalPath() { return Cell::path("ip/vrf/status/local", 0); }
 
   static Zov::Ptr<NiceMock<MockPluginContext>> contextOver(
       const Zov::Ptr<Korvel::EntityManager>& entityManager) {
@@ -52,12 +55,17 @@ class AclPluginTest : public ::testing::Test {
     plugin_->init(context_);
     return *plugin_;
   }
+  // A started root entity whose mounts have completed.
+  AclPlugin& startAndComplete() {
+    AclPlugin& plugin = start();
+    entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess);
+    return plugin;
+  }
+  void complete() { entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess); }
 
   std::size_t heard(Zov::AttributeId id) const {
     return std::count(listener_->ids_.begin(), listener_->ids_.end(), id);
   }
-
-  static std::uint64_t liveStateMachines() { return CpAclSm::allocTrackTypeInfo().liveObjects(); }
 
   Zov::Ptr<Korvel::EntityManager> entityManager_;
   Zov::Ptr<NiceMock<MockPluginContext>> context_;
@@ -66,13 +74,15 @@ class AclPluginTest : public ::testing::Test {
   Zov::Ptr<ZovTesting::Listener> listener_;
 };
 
-TEST_F(AclPluginTest, InitRefusesABadContextOrMountsTheFivePathsReadOnly) {
+TEST_F(AclPluginTest, InitRefusesAContextWithoutAStateDatabase) {
   plugin_ = AclPlugin::AclPluginIs("McastDns");
   EXPECT_THROW(plugin_->init(nullptr), Zov::NullPointerException);
   Zov::Ptr<NiceMock<MockPluginContext>> noDatabase(new NiceMock<MockPluginContext>);
   EXPECT_THROW(plugin_->init(noDatabase), Zov::NullPointerException);
   EXPECT_EQ(plugin_->context(), nullptr);
+}
 
+TEST_F(AclPluginTest, InitMountsTheFivePathsReadOnlyAndClosesTheGroupOnce) {
   AclPlugin& plugin = start();
   const auto group = entityManager_->getMountGroup(plugin_);
   std::vector<std::string> mounts;
@@ -85,49 +95,106 @@ TEST_F(AclPluginTest, InitRefusesABadContextOrMountsTheFivePathsReadOnly) {
             (std::vector<std::string>{
                 "mdns/config McastDns::Config", "mdns/status McastDns::Status",
                 "l3/intf/status L3::Intf::StatusDir", "ip/vrf/status/global Ip::AllVrfStatusGlobal",
-                Cell::path("ip/vrf/status/local", 0).str() + " Ip::AllVrfStatusLocal"}));
+                vrfLocalPath().str() + " Ip::AllVrfStatusLocal"}));
   EXPECT_EQ(group->closes(), 1u);
   EXPECT_EQ(plugin.cpAclSm(), nullptr) << "completion never comes inside init";
 }
 
-TEST_F(AclPluginTest, CompletionBuildsKeepsReplacesAndDropsTheStateMachine) {
+TEST_F(AclPluginTest, InitAndCompletionTraceTheirSignaturesAtLevelEight) {
+  PluginTesting::TraceCapture trace(1u << 8);
+  startAndComplete();
+  EXPECT_THAT(trace.texts("init"),
+              ::testing::ElementsAre("void McastDns::AclPlugin::init(const Ptr&)"));
+  EXPECT_THAT(trace.texts("doMountsComplete"),
+              ::testing::ElementsAre(
+                  "virtual void McastDns::AclPlugin::doMountsComplete(Korvel::MountStatus, "
+                  "const Ptr&)"));
+}
+
+TEST_F(AclPluginTest, CompletionBuildsTheStateMachineWhateverTheStatus) {
   AclPlugin& plugin = start();
   entityManager_->mountsCompleteIs(Korvel::MountStatus::kFailed);
-  const CpAclSm* sm = plugin.cpAclSm().ptr();
-  ASSERT_NE(sm, nullptr) << "built whatever the status";
-  // The completion due from the loop finds the same seven inputs.
-  scheduler_->settle();
-  EXPECT_EQ(entityManager_->completions(), 2u);
-  EXPECT_EQ(plugin.cpAclSm().ptr(), sm);
+  ASSERT_NE(plugin.cpAclSm(), nullptr);
+  EXPECT_EQ(plugin.cpAclSm()->mcastDnsStatus(), entityManager_->getEntity("mdns/status"));
+  EXPECT_EQ(plugin.cpAclSm()->context(), context_);
   EXPECT_EQ(heard(AclPlugin::kCpAclSm), 1u);
+}
 
-  // A new entity under a path, or a new context, makes the next completion
-  // replace it; the old one is gone before 388 is heard.
-  const std::uint64_t baseline = liveStateMachines() - 1;
+TEST_F(AclPluginTest, CompletionWithTheSameInputsKeepsTheStateMachine) {
+  AclPlugin& plugin = startAndComplete();
+  const Zov::Ptr<CpAclSm> sm = plugin.cpAclSm();
+  scheduler_->settle();  // the completion due from the loop
+  EXPECT_EQ(entityManager_->completions(), 2u);
+  EXPECT_EQ(plugin.cpAclSm(), sm);
+  EXPECT_EQ(heard(AclPlugin::kCpAclSm), 1u);
+}
+
+TEST_F(AclPluginTest, CompletionWithAnotherEntityUnderAnyPathReplacesTheStateMachine) {
+  AclPlugin& plugin = startAndComplete();
+  const std::pair<Zov::String, Zov::Entity*> replacements[] = {
+      {"mdns/config", new Config("config")},
+      {"mdns/status", new Status("status")},
+      {"l3/intf/status", new L3::Intf::StatusDir("intf")},
+      {"ip/vrf/status/global", new Ip::AllVrfStatusGlobal("global")},
+      {vrfLocalPath(), new Ip::AllVrfStatusLocal("local")}};
+  for (const auto& [path, entity] : replacements) {
+    const Zov::Ptr<CpAclSm> before = plugin.cpAclSm();
+    publish(path, entity);
+    complete();
+    EXPECT_NE(plugin.cpAclSm(), before) << path.str();
+  }
+  const Zov::Ptr<CpAclSm> before = plugin.cpAclSm();
+  plugin.contextIs(contextOver(entityManager_));
+  complete();
+  EXPECT_NE(plugin.cpAclSm(), before) << "another context";
+}
+
+TEST_F(AclPluginTest, StateMachineIsKeptOnlyForTheSameAddressFamily) {
+  AclPlugin& plugin = startAndComplete();
+  const Zov::Ptr<CpAclSm> sm = plugin.cpAclSm();
+  const auto again = [&](Dovix::AddressFamily af) {
+    return plugin.cpAclSmIs(af, sm->mcastDnsConfig(), sm->mcastDnsStatus(), sm->l3IntfStatusDir(),
+                            sm->allVrfStatusGlobal(), sm->allVrfStatusLocal(), sm->context());
+  };
+  EXPECT_EQ(again(Dovix::AddressFamily::kIpv4), sm);
+  EXPECT_NE(again(Dovix::AddressFamily::kIpv6), sm);
+}
+
+TEST_F(AclPluginTest, ReplacedStateMachineIsGoneBeforeTheAnnouncement) {
+  AclPlugin& plugin = startAndComplete();
+  const std::uint64_t live = PluginTesting::liveObjects("McastDns::CpAclSm");
   std::vector<std::uint64_t> liveAt388;
   listener_->hook_ = [&](Zov::AttributeId id, const void*) {
-    if (id == AclPlugin::kCpAclSm) liveAt388.push_back(liveStateMachines() - baseline);
+    if (id == AclPlugin::kCpAclSm)
+      liveAt388.push_back(PluginTesting::liveObjects("McastDns::CpAclSm"));
   };
   publish("mdns/config", new Config("config"));
-  entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess);
-  publish("ip/vrf/status/global", new Ip::AllVrfStatusGlobal("global"));
-  entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess);
-  const auto other = contextOver(entityManager_);
-  plugin.contextIs(other);
-  entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess);
-  EXPECT_EQ(liveAt388, (std::vector<std::uint64_t>{1, 1, 1}));
-  EXPECT_EQ(plugin.cpAclSm()->context(), other);
+  complete();
+  EXPECT_EQ(liveAt388, std::vector<std::uint64_t>{live});
+  EXPECT_TRUE(plugin.cpAclSm()->hasNotificationActive());
+}
 
-  // Removal announces 388 and switches the state machine off; with none
-  // held it announces nothing.
-  Zov::Ptr<CpAclSm> removed = plugin.cpAclSmDel();
+TEST_F(AclPluginTest, ContextIsAnnouncesOnlyAnotherContext) {
+  AclPlugin& plugin = start();
+  const std::size_t before = heard(AclPlugin::kContext);
+  plugin.contextIs(context_);
+  EXPECT_EQ(heard(AclPlugin::kContext), before);
+  plugin.contextIs(contextOver(entityManager_));
+  EXPECT_EQ(heard(AclPlugin::kContext), before + 1);
+}
+
+TEST_F(AclPluginTest, RemovalAnnouncesAndSwitchesTheStateMachineOff) {
+  AclPlugin& plugin = startAndComplete();
+  const Zov::Ptr<CpAclSm> removed = plugin.cpAclSmDel();
   EXPECT_FALSE(removed->hasNotificationActive());
+  EXPECT_EQ(plugin.cpAclSm(), nullptr);
+  EXPECT_EQ(heard(AclPlugin::kCpAclSm), 2u);
   EXPECT_EQ(plugin.cpAclSmDel(), nullptr);
-  EXPECT_EQ(heard(AclPlugin::kCpAclSm), 5u);
+  EXPECT_EQ(heard(AclPlugin::kCpAclSm), 2u) << "removing none announces nothing";
+}
 
-  // Destruction switches off a state machine held elsewhere and lets go of it.
-  entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess);
-  Zov::Ptr<CpAclSm> kept = plugin.cpAclSm();
+TEST_F(AclPluginTest, DestructionSwitchesOffAndLetsGoOfTheStateMachine) {
+  const Zov::Ptr<CpAclSm> kept = startAndComplete().cpAclSm();
   listener_ = nullptr;
   plugin_ = nullptr;
   EXPECT_FALSE(kept->hasNotificationActive());

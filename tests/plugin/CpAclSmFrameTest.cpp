@@ -1,287 +1,373 @@
 // The state machine's frame: which notification reaches which handler, the
-// notification switch and the zombie state, absent inputs, the refresh task's
-// replacement and removal, and teardown down to the last allocation.
-#include <algorithm>
-#include <map>
+// notification switch and the zombie state, absent inputs, re-pointed
+// reactors, the refresh task's replacement and removal, and teardown down to
+// the last allocation.
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "McastDns/AclPlugin/Trace.h"
+#include "McastDns/AclPlugin/CpAclSmReactors.h"
 #include "StateMachineFixture.h"
 
 namespace McastDns::test {
 namespace {
 
-const char* const kLinkChange = "void McastDns::CpAclSm::handleLinkChange()";
-const char* const kRefresh = "void McastDns::CpAclSm::handleRefreshAcls(bool)";
-const char* const kState = "void McastDns::LinkStatusAclSm::handleState()";
+using PluginTesting::pluginObjects;
 
-// Captures the plugin's handler-entry records while it lives, so that a test
-// can see which handlers a notification reached.
-class HandlerLog {
- public:
-  HandlerLog() : levels_(traceHandle().levels()) {
-    traceHandle().levelIs(kTraceHandler, true);
-    previous_ = Zov::traceSinkIs([this](const Zov::TraceRecord& record) {
-      if (record.handle == "McastDnsAclPlugin") entries_.push_back(record.text);
-    });
+class CpAclSmFrameTest : public StateMachineTest {
+ protected:
+  // A state machine over one link, down, on et1 in VRF red.
+  CpAclSm& startWithOneLink() {
+    intf("et1", "red");
+    et1_ = link("et1", 0);
+    return start();
   }
-  ~HandlerLog() {
-    Zov::traceSinkIs(previous_);
-    traceHandle().levelsIs(levels_);
-  }
-  long count(const std::string& signature) const {
-    return std::count(entries_.begin(), entries_.end(), signature);
-  }
-  bool empty() const { return entries_.empty(); }
-  void clear() { entries_.clear(); }
-
- private:
-  std::uint16_t levels_;
-  Zov::TraceSink previous_;
-  std::vector<std::string> entries_;
+  Zov::Ptr<LinkStatus> et1_;
 };
 
-// The live objects of every allocation record a state machine builds; a
-// record appears with its first allocation, so a missing one counts 0.
-std::map<std::string, std::uint64_t> liveObjects() {
-  std::map<std::string, std::uint64_t> counts;
-  for (const char* record :
-       {"McastDns::CpAclSm", "McastDns::CpAclSm::ZovMcastDnsConfig",
-        "McastDns::CpAclSm::ZovMcastDnsStatus", "McastDns::CpAclSm::ZovL3IntfStatusDir",
-        "McastDns::CpAclSm::ZovRefreshAclsTask", "McastDns::LinkStatusAclSm",
-        "McastDns::LinkStatusAclSm::ZovLinkStatus", "McastDns::L3IntfStatusAclSm",
-        "McastDns::L3IntfStatusAclSm::ZovL3IntfStatus", "Pell::TimerTask"}) {
-    const Zov::AllocTrackTypeInfo* info = Zov::AllocTrackTypeInfo::find(record);
-    counts[record] = info ? info->liveObjects() : 0;
-  }
-  return counts;
+// --- dispatch ---------------------------------------------------------------------
+
+TEST_F(CpAclSmFrameTest, EachGatewayAttributeReachesHandleLinkChange) {
+  start();
+  TraceCapture trace(kHandlerLevels);
+  config_->gatewayEnabledIs(true);
+  config_->gatewaySettingIs(5);
+  EXPECT_EQ(trace.count(kLinkChangeTrace), 2);
 }
 
-Dovix::IntfId idOf(const char* name) {
-  return Dovix::IntfId(Zov::String(name));
-}
-
-using CpAclSmFrameTest = StateMachineTest;
-
-TEST_F(CpAclSmFrameTest, OnlyTheWatchedAttributesReachTheHandlers) {
-  intf("et1", "red");
-  link("et1", 0);
-  CpAclSm& sm = start();
-  Pell::TimerTask& timer = *sm.refreshAclsTask();
-  HandlerLog log;
-
-  // Other attributes of the watched inputs, and ids next to the watched ones,
-  // reach no handler.
+TEST_F(CpAclSmFrameTest, OtherAttributesReachNoHandler) {
+  CpAclSm& sm = startWithOneLink();
+  TraceCapture trace(kHandlerLevels);
   const Dovix::IntfId et1 = idOf("et1");
   config_->opaqueIs({1, 2, 3});
   status_->enabledIs(true);
   intfDir_->notifieeList()->visit(L3::Intf::StatusDir::kIntfStatus + 1, &et1);
-  timer.notifieeList()->visit(Pell::TimerTask::kRun + 1);
-  EXPECT_TRUE(log.empty());
-
-  // Each of the two gateway attributes reaches the scheduling handler.
-  config_->gatewayEnabledIs(true);
-  config_->gatewaySettingIs(5);
-  EXPECT_EQ(log.count(kLinkChange), 2);
-
-  // The timer's run is an unforced refresh: while clean it does nothing.
-  advanceMs(10);
-  const std::uint64_t refreshes = sm.refreshes();
-  log.clear();
-  timer.scheduleTaskLowestDelay(0.01);
-  advanceMs(10);
-  EXPECT_EQ(log.count(kRefresh), 1);
-  EXPECT_EQ(sm.refreshes(), refreshes);
+  sm.refreshAclsTask()->notifieeList()->visit(Pell::TimerTask::kRun + 1);
+  EXPECT_TRUE(trace.records().empty());
 }
 
-TEST_F(CpAclSmFrameTest, SwitchedOffNothingReactsUntilSwitchedOnAgain) {
-  intf("et1", "red");
-  auto et1 = link("et1", 0);
+TEST_F(CpAclSmFrameTest, TimerRunIsAnUnforcedRefresh) {
   CpAclSm& sm = start();
-  HandlerLog log;
+  calls_.clear();
+  TraceCapture trace(kHandlerLevels);
+  sm.refreshAclsTask()->scheduleTaskLowestDelay(0.01);  // armed while nothing is pending
+  advanceMs(10);
+  EXPECT_EQ(trace.count(kRefreshTrace), 1);
+  EXPECT_TRUE(calls_.empty()) << "a clean, unforced refresh sends nothing";
+}
 
+// --- the notification switch and the zombie state ------------------------------------
+
+TEST_F(CpAclSmFrameTest, SwitchedOffNothingReacts) {
+  CpAclSm& sm = startWithOneLink();
   sm.hasNotificationActiveIs(false);
+  TraceCapture trace(kHandlerLevels);
   config_->gatewayEnabledIs(true);
-  et1->stateIs(1);
+  et1_->stateIs(1);
   intf("et1", "blue");
   link("et2", 1);
   intf("et2", "red");
-  EXPECT_TRUE(log.empty());
-  // The timer runs, but its run does not reach the refresh.
+  EXPECT_TRUE(trace.records().empty());
+
   sm.handleLinkChange();
-  log.clear();
+  trace.clear();
   advanceMs(10);
   EXPECT_EQ(sm.refreshAclsTask()->runs(), 1u);
-  EXPECT_TRUE(log.empty());
-  EXPECT_TRUE(sm.dirtyAcl());
-
-  // Switched on again, every reaction is back.
-  sm.hasNotificationActiveIs(true);
-  sm.handleRefreshAcls(true);
-  log.clear();
-  et1->stateIs(0);
-  EXPECT_EQ(log.count(kState), 1);
-  config_->gatewaySettingIs(2);
-  EXPECT_EQ(log.count(kLinkChange), 2);
-  advanceMs(10);
-  EXPECT_EQ(log.count(kRefresh), 1);
-  EXPECT_FALSE(sm.dirtyAcl());
-
-  // Switching on an active object does nothing at all: a watcher switched off
-  // on its own stays off.
-  sm.linkStatusAclSm(keyOf("et1"))->hasNotificationActiveIs(false);
-  sm.hasNotificationActiveIs(true);
-  log.clear();
-  et1->stateIs(1);
-  EXPECT_EQ(log.count(kState), 0);
+  EXPECT_TRUE(trace.records().empty()) << "the timer ran, but its run reached nothing";
 }
 
-TEST_F(CpAclSmFrameTest, ZombieReactorsForwardNothingAndLeaveTheWatchers) {
-  intf("et1", "red");
-  auto et1 = link("et1", 0);
-  CpAclSm& sm = start();
-  HandlerLog log;
+TEST_F(CpAclSmFrameTest, SwitchedOnAgainEverythingReacts) {
+  CpAclSm& sm = startWithOneLink();
+  sm.hasNotificationActiveIs(false);
+  sm.hasNotificationActiveIs(true);
+  TraceCapture trace(kHandlerLevels);
+  et1_->stateIs(1);
+  EXPECT_EQ(trace.count(kStateTrace), 1);
+  config_->gatewaySettingIs(2);
+  EXPECT_EQ(trace.count(kLinkChangeTrace), 2);
+  advanceMs(10);
+  EXPECT_EQ(trace.count(kRefreshTrace), 1);
+  EXPECT_FALSE(sm.dirtyAcl());
+}
 
+TEST_F(CpAclSmFrameTest, SwitchingToTheStateHeldChangesNothing) {
+  CpAclSm& sm = startWithOneLink();
+  LinkStatusAclSm& watcher = *sm.linkStatusAclSm(keyOf("et1"));
+  watcher.hasNotificationActiveIs(false);
+  sm.hasNotificationActiveIs(true);
+  EXPECT_FALSE(watcher.hasNotificationActive());
+
+  sm.hasNotificationActiveIs(false);
+  watcher.hasNotificationActiveIs(true);
+  sm.hasNotificationActiveIs(false);
+  EXPECT_TRUE(watcher.hasNotificationActive());
+}
+
+TEST_F(CpAclSmFrameTest, ZombieReactorsForwardNothing) {
+  CpAclSm& sm = startWithOneLink();
   sm.zovDoZombieReactors(true);
+  sm.handleLinkChange();
+  TraceCapture trace(kHandlerLevels);
   config_->gatewayEnabledIs(true);
   link("et2", 1);
   intf("et2", "blue");
-  EXPECT_TRUE(log.empty());
-
-  // The watchers are not zombies: their changes still arm the timer, whose
-  // run, though, reaches nothing.
-  et1->stateIs(1);
-  EXPECT_TRUE(sm.dirtyAcl());
-  log.clear();
   advanceMs(10);
   EXPECT_EQ(sm.refreshAclsTask()->runs(), 1u);
-  EXPECT_TRUE(log.empty());
+  EXPECT_TRUE(trace.records().empty());
+}
 
-  // Switching the notification off and on does not revive a zombie reactor;
-  // clearing the zombie state does.
+TEST_F(CpAclSmFrameTest, ZombieStateLeavesTheWatchersAlone) {
+  CpAclSm& sm = startWithOneLink();
+  sm.zovDoZombieReactors(true);
+  TraceCapture trace(kHandlerLevels);
+  et1_->stateIs(1);
+  EXPECT_EQ(trace.count(kStateTrace), 1);
+  EXPECT_TRUE(sm.dirtyAcl());
+}
+
+TEST_F(CpAclSmFrameTest, OnlyClearingTheZombieStateRevivesTheReactors) {
+  CpAclSm& sm = start();
+  sm.zovDoZombieReactors(true);
   sm.hasNotificationActiveIs(false);
   sm.hasNotificationActiveIs(true);
+  TraceCapture trace(kHandlerLevels);
   config_->gatewaySettingIs(4);
-  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(trace.count(kLinkChangeTrace), 0);
+
   sm.zovDoZombieReactors(false);
   config_->gatewaySettingIs(5);
-  EXPECT_EQ(log.count(kLinkChange), 1);
+  EXPECT_EQ(trace.count(kLinkChangeTrace), 1);
   link("et4", 0);
   EXPECT_TRUE(sm.linkStatusAclSm(keyOf("et4")));
 }
 
+// Besides forwarding nothing, a zombie stops hearing its notifier at all.
+TEST_F(CpAclSmFrameTest, ZombieReactorIsSwitchedOffUntilRevived) {
+  CpAclSm& sm = start();
+  Zov::Ptr<CpAclSm::ZovMcastDnsConfig> reactor(new CpAclSm::ZovMcastDnsConfig(config_, &sm));
+  reactor->hasNotificationActiveIs(true);
+  reactor->zovDoZombieReactors(true);
+  EXPECT_FALSE(reactor->hasNotificationActive());
+  reactor->zovDoZombieReactors(false);
+  EXPECT_TRUE(reactor->hasNotificationActive());
+}
+
+// --- absent inputs ------------------------------------------------------------------
+
 // The agent always passes a context, so only here can the state machine run
 // without one; every handler must then work on nothing.
-TEST_F(CpAclSmFrameTest, EveryInputAbsentTheContextTooHandlersRunOnNothing) {
+TEST_F(CpAclSmFrameTest, EveryInputAbsentHandlersRunOnNothing) {
   sm_ = CpAclSm::CpAclSmIs(Dovix::AddressFamily::kIpv4, nullptr, nullptr, nullptr, nullptr, nullptr,
                            nullptr);
   CpAclSm& sm = *sm_;
-  EXPECT_EQ(sm.refreshes(), 1u);
+  EXPECT_FALSE(sm.mcastDnsConfig());
   sm.handleLinkStatus(keyOf("et1"));
   sm.handleL3IntfStatus(idOf("et1"));
   sm.handleLinkChange();
+  EXPECT_TRUE(sm.dirtyAcl());
   advanceMs(10);
-  EXPECT_EQ(sm.refreshes(), 2u);
   EXPECT_FALSE(sm.dirtyAcl());
 }
 
-TEST_F(CpAclSmFrameTest, RefreshTaskIsKeptReplacedAndRemoved) {
+TEST_F(CpAclSmFrameTest, SweepOverAnAbsentInputLeavesNoWatcher) {
+  sm_ = CpAclSm::CpAclSmIs(Dovix::AddressFamily::kIpv4, config_, nullptr, nullptr, vrfGlobal_,
+                           vrfLocal_, context_);
+  CpAclSm& sm = *sm_;
+  sm.linkStatusAclSmIs(Zov::Ptr<const LinkStatus>(new LinkStatus(keyOf("et1"), 1)));
+  sm.l3IntfStatusAclSmIs(
+      Zov::Ptr<const L3::Intf::Status>(new L3::Intf::Status(idOf("et1"), L3::VrfName("red"))));
+  sm.handleLinkStatus();
+  sm.handleL3IntfStatus();
+  EXPECT_TRUE(sm.linkStatusAclSms().empty());
+  EXPECT_TRUE(sm.l3IntfStatusAclSms().empty());
+}
+
+// --- re-pointed reactors --------------------------------------------------------------
+
+TEST_F(CpAclSmFrameTest, ConfigReactorRepointedToAnotherConfigArmsTheRefresh) {
+  CpAclSm& sm = start();
+  Zov::Ptr<CpAclSm::ZovMcastDnsConfig> reactor(new CpAclSm::ZovMcastDnsConfig(config_, &sm));
+  reactor->notifierIs(config_);
+  EXPECT_FALSE(sm.dirtyAcl()) << "the same configuration is no change";
+  reactor->notifierIs(status_);
+  EXPECT_EQ(reactor->entity(), nullptr) << "anything but a configuration counts as none";
+  EXPECT_FALSE(sm.dirtyAcl());
+
+  Zov::Ptr<const Config> other(new Config("other"));
+  reactor->notifierIs(other);
+  EXPECT_EQ(reactor->entity(), other.ptr());
+  EXPECT_TRUE(sm.dirtyAcl());
+}
+
+TEST_F(CpAclSmFrameTest, WatcherReactorsRepointedCallTheirHandler) {
+  auto e1 = intf("et1", "red");
+  auto l1 = link("et1", 0);
+  CpAclSm& sm = start();
+  Zov::Ptr<LinkStatusAclSm::ZovLinkStatus> linkReactor(
+      new LinkStatusAclSm::ZovLinkStatus(l1, sm.linkStatusAclSm(keyOf("et1")).ptr()));
+  Zov::Ptr<L3IntfStatusAclSm::ZovL3IntfStatus> intfReactor(
+      new L3IntfStatusAclSm::ZovL3IntfStatus(e1, sm.l3IntfStatusAclSm(idOf("et1")).ptr()));
+  TraceCapture trace(kHandlerLevels);
+  linkReactor->notifierIs(Zov::Ptr<const LinkStatus>(new LinkStatus(keyOf("et1"), 1)));
+  intfReactor->notifierIs(
+      Zov::Ptr<const L3::Intf::Status>(new L3::Intf::Status(idOf("et1"), L3::VrfName("blue"))));
+  EXPECT_EQ(trace.count(kStateTrace), 1);
+  EXPECT_EQ(trace.count(kVrfTrace), 1);
+}
+
+// A reactor that is not registered joins the new notifier's list only after
+// its handler has run, so the handler cannot hear its own changes to it.
+TEST_F(CpAclSmFrameTest, RepointedReactorRegistersAfterItsHandlerRan) {
+  CpAclSm& sm = start();
+  Zov::Ptr<CpAclSm::ZovMcastDnsConfig> reactor(new CpAclSm::ZovMcastDnsConfig(config_, &sm));
+  reactor->isRegisteredNotifieeIs(false);
+  Zov::Ptr<const Config> other(new Config("other"));
+  std::vector<std::size_t> listed;
+  TraceCapture trace(kHandlerLevels, [&](const Zov::TraceRecord& record) {
+    if (record.text == kLinkChangeTrace) listed.push_back(other->notifieeList()->size());
+  });
+  reactor->notifierIs(other);
+  EXPECT_EQ(listed, std::vector<std::size_t>{0});
+  EXPECT_EQ(other->notifieeList()->size(), 1u);
+}
+
+// --- the refresh task -------------------------------------------------------------------
+
+TEST_F(CpAclSmFrameTest, SameSettingsKeepTheRefreshTaskAndItsPendingRun) {
   CpAclSm& sm = start();
   Zov::Ptr<Pell::TimerTask> task = sm.refreshAclsTask();
   sm.handleLinkChange();
-
-  // The same scheduler, priority and name keep the task and its pending run;
-  // another priority replaces it.
   EXPECT_EQ(sm.refreshAclsTaskIs(scheduler_, Pell::TaskPriority(3), "refreshAclsTask"), task);
   EXPECT_TRUE(task->armed());
-  Zov::Ptr<Pell::TimerTask> next =
-      sm.refreshAclsTaskIs(scheduler_, Pell::TaskPriority(4), "refreshAclsTask");
-  EXPECT_NE(next, task);
+  EXPECT_EQ(refreshes(), 1) << "keeping the task runs no refresh";
+}
 
-  // Removal hands the task out once. Its run then reaches nothing, a change
-  // only marks the refresh pending, and a forced refresh still goes ahead.
+TEST_F(CpAclSmFrameTest, ReplacingTheRefreshTaskRunsThePendingRefresh) {
+  CpAclSm& sm = start();
+  Zov::Ptr<Pell::TimerTask> old = sm.refreshAclsTask();
   sm.handleLinkChange();
-  EXPECT_EQ(sm.refreshAclsTaskDel(), next);
-  EXPECT_FALSE(sm.refreshAclsTask());
-  EXPECT_FALSE(sm.refreshAclsTaskDel());
-  const std::uint64_t refreshes = sm.refreshes();
-  advanceMs(10);
-  EXPECT_EQ(next->runs(), 1u);
-  EXPECT_EQ(sm.refreshes(), refreshes);
-  EXPECT_TRUE(sm.dirtyAcl());
-  sm.handleRefreshAcls(true);
-  EXPECT_EQ(sm.refreshes(), refreshes + 1);
+  EXPECT_NE(sm.refreshAclsTaskIs(scheduler_, Pell::TaskPriority(4), "refreshAclsTask"), old);
+  EXPECT_EQ(refreshes(), 2);
   EXPECT_FALSE(sm.dirtyAcl());
 }
 
-// Teardown sends nothing, not even the pending refresh. Someone may still
-// hold a watcher or the timer task when the state machine goes: their links
-// up must be cut, or their next event reaches freed memory.
-TEST_F(CpAclSmFrameTest, TeardownSendsNothingAndLeavesNothingBehind) {
-  const std::map<std::string, std::uint64_t> before = liveObjects();
+TEST_F(CpAclSmFrameTest, NewRefreshReactorTakesTheZombieState) {
+  CpAclSm& sm = start();
+  sm.zovDoZombieReactors(true);
+  Zov::Ptr<Pell::TimerTask> task = sm.refreshAclsTaskIs(scheduler_, Pell::TaskPriority(3), "other");
+  sm.handleLinkChange();
+  advanceMs(10);
+  EXPECT_EQ(task->runs(), 1u);
+  EXPECT_TRUE(sm.dirtyAcl()) << "a zombie state machine's new refresh reactor forwarded the run";
+}
+
+// While the replacement runs the pending refresh, the old task may still fire
+// (the context is free to run the loop); its reactor is a zombie by then.
+TEST_F(CpAclSmFrameTest, OldRefreshReactorIsAZombieBeforeTheReplacementsRefresh) {
+  CpAclSm& sm = start();
+  Zov::Ptr<Pell::TimerTask> old = sm.refreshAclsTask();
+  sm.handleLinkChange();
+  EXPECT_CALL(context(), unregisterChainRule)
+      .WillOnce([&](auto&&...) { old->notifieeList()->visit(Pell::TimerTask::kRun); })
+      .WillRepeatedly(::testing::DoDefault());
+  TraceCapture trace(kHandlerLevels);
+  sm.refreshAclsTaskIs(scheduler_, Pell::TaskPriority(3), "other");
+  EXPECT_EQ(trace.count(kRefreshTrace), 1);
+}
+
+TEST_F(CpAclSmFrameTest, RemovedRefreshTaskIsHandedOutOnce) {
+  CpAclSm& sm = start();
+  Zov::Ptr<Pell::TimerTask> task = sm.refreshAclsTask();
+  EXPECT_EQ(sm.refreshAclsTaskDel(), task);
+  EXPECT_FALSE(sm.refreshAclsTask());
+  EXPECT_FALSE(sm.refreshAclsTaskDel());
+}
+
+TEST_F(CpAclSmFrameTest, WithoutARefreshTaskOnlyAForcedRefreshGoesAhead) {
+  CpAclSm& sm = start();
+  Zov::Ptr<Pell::TimerTask> task = sm.refreshAclsTaskDel();
+  sm.handleLinkChange();
+  task->scheduleTaskLowestDelay(0.01);
+  advanceMs(10);
+  EXPECT_EQ(task->runs(), 1u);
+  EXPECT_EQ(refreshes(), 1);
+  EXPECT_TRUE(sm.dirtyAcl());
+  sm.handleRefreshAcls(true);
+  EXPECT_EQ(refreshes(), 2);
+  EXPECT_FALSE(sm.dirtyAcl());
+}
+
+// --- teardown ---------------------------------------------------------------------------
+
+TEST_F(CpAclSmFrameTest, TeardownSendsNothingNotEvenThePendingRefresh) {
+  startWithOneLink();
+  et1_->stateIs(1);
+  ASSERT_TRUE(sm_->dirtyAcl());
+  calls_.clear();
+  sm_ = nullptr;
+  advanceMs(10);
+  EXPECT_TRUE(calls_.empty()) << ::testing::PrintToString(calls_);
+}
+
+TEST_F(CpAclSmFrameTest, TeardownLeavesNothingBehind) {
+  const auto before = pluginObjects();
   const std::size_t armedBefore = scheduler_->armedTasks();
   auto e1 = intf("et1", "red");
-  auto l1 = link("et1", 0);
-  auto l2 = link("et2", 0, 3);
+  auto l1 = link("et1", 1);
   start();
+  sm_->handleLinkChange();
+  ASSERT_NE(pluginObjects(), before);
+  sm_ = nullptr;
+  EXPECT_EQ(pluginObjects(), before);
+  EXPECT_EQ(scheduler_->armedTasks(), armedBefore);
+  // The inputs are held by the fixture alone, the entries by their collection too.
+  const Zov::PtrInterface* inputs[] = {config_.ptr(), status_.ptr(), intfDir_.ptr()};
+  for (const Zov::PtrInterface* input : inputs) {
+    EXPECT_TRUE(input->notifieeList()->empty());
+    EXPECT_EQ(input->references(), 1u);
+  }
+  const Zov::PtrInterface* entries[] = {e1.ptr(), l1.ptr()};
+  for (const Zov::PtrInterface* entry : entries) {
+    EXPECT_TRUE(entry->notifieeList()->empty());
+    EXPECT_EQ(entry->references(), 2u);
+  }
+  EXPECT_EQ(context_->references(), 1u);
+}
+
+// Someone may still hold a watcher or the timer task when the state machine
+// goes: their links up must be cut, or their next event reaches freed memory.
+TEST_F(CpAclSmFrameTest, WatchersAndTaskHeldElsewhereAreCutLoose) {
+  startWithOneLink();
   Zov::Ptr<Pell::TimerTask> task = sm_->refreshAclsTask();
   Zov::Ptr<LinkStatusAclSm> heldLink = sm_->linkStatusAclSm(keyOf("et1"));
   Zov::Ptr<L3IntfStatusAclSm> heldIntf = sm_->l3IntfStatusAclSm(idOf("et1"));
-  l2->stateIs(1);  // leaves a refresh pending
-  ASSERT_NE(liveObjects(), before);
-
-  EXPECT_CALL(context(), registerChainRule).Times(0);
-  EXPECT_CALL(context(), unregisterChainRule).Times(0);
-  EXPECT_CALL(context(), finishRegistration).Times(0);
+  sm_->handleLinkChange();
   sm_ = nullptr;
   // Checked before anything can reach the dead state machine, so that a
   // failure is reported rather than crashing the run.
-  ASSERT_TRUE(heldLink->parent() == nullptr || heldLink->zovMarkedForDeletion());
-  ASSERT_TRUE(heldIntf->parent() == nullptr || heldIntf->zovMarkedForDeletion());
-  l1->stateIs(1);
+  ASSERT_EQ(heldLink->parent(), nullptr);
+  ASSERT_EQ(heldIntf->parent(), nullptr);
+  et1_->stateIs(1);
   intf("et1", "blue");
-  config_->gatewayEnabledIs(true);
   advanceMs(10);
   EXPECT_EQ(task->runs(), 1u);
   EXPECT_TRUE(task->notifieeList()->empty());
-
-  task = nullptr;
-  heldLink = nullptr;
-  heldIntf = nullptr;
-  EXPECT_EQ(liveObjects(), before);
-  EXPECT_EQ(scheduler_->armedTasks(), armedBefore);
-  const Zov::PtrInterface* watched[] = {config_.ptr(), status_.ptr(), intfDir_.ptr(),
-                                        e1.ptr(),      l1.ptr(),      l2.ptr()};
-  for (const Zov::PtrInterface* entity : watched) {
-    EXPECT_TRUE(entity->notifieeList()->empty());
-  }
-  EXPECT_EQ(config_->references(), 1u);
-  EXPECT_EQ(e1->references(), 2u);  // the directory's entry and ours
-  EXPECT_EQ(l1->references(), 2u);
-  EXPECT_EQ(context_->references(), 1u);
 }
 
 // A constructor that throws runs no destructor of its own: only its members'
 // destructors can undo what it built.
 TEST_F(CpAclSmFrameTest, ConstructionThatThrowsLeavesNothingBehind) {
-  const std::map<std::string, std::uint64_t> before = liveObjects();
+  const auto before = pluginObjects();
   const std::size_t armedBefore = scheduler_->armedTasks();
-  auto e1 = intf("et1", "red");
   auto l1 = link("et1", 1);
-
+  intf("et1", "red");
   // The first refresh fails after the sweeps have built the watchers and
   // armed the timer.
   EXPECT_CALL(context(), registerChainRule)
       .WillOnce(::testing::Throw(std::runtime_error("ACL service unavailable")));
   EXPECT_THROW(start(), std::runtime_error);
-  EXPECT_EQ(liveObjects(), before);
+  EXPECT_EQ(pluginObjects(), before);
   EXPECT_EQ(scheduler_->armedTasks(), armedBefore);
   EXPECT_TRUE(config_->notifieeList()->empty());
-  EXPECT_TRUE(status_->notifieeList()->empty());
   EXPECT_TRUE(l1->notifieeList()->empty());
-  EXPECT_EQ(e1->references(), 2u);
   EXPECT_EQ(context_->references(), 1u);
 }
 

@@ -1,10 +1,10 @@
-// The plugin's type module and its generic attribute interface: the tables
-// describe every attribute, and reads, writes, calls, collection operations
-// and construction by id run the types' own accessors, setters and handlers.
-#include "McastDns/AclPlugin/ZovModule.h"
+// The plugin's type module and its generic attribute interface, as a tool
+// sees them: every type numbers its attributes in order, objects report their
+// type, and reads, writes, calls, collection operations and construction by
+// id reach the types' own behaviour.
+#include "McastDns/AclPlugin/PluginTypes.h"
 
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "McastDns/AclPlugin/McastDnsAclPlugin.h"
@@ -14,48 +14,42 @@
 namespace McastDns::test {
 namespace {
 
-using ::testing::_;
 using ::testing::HasSubstr;
 using Zov::GenericValue;
 using Values = std::vector<GenericValue>;
 using ZovTesting::whatOf;
 
-// Each type's attributes in id order from its first id: the name, the kind
-// (Value, Reference, Collection, Operation) and the collection's key or the
-// operation's arguments.
-TEST(ZovModuleTest, TablesListEveryAttributeOfEveryType) {
-  const std::tuple<const char*, Zov::AttributeId, std::string> expected[] = {
-      {"McastDns::L3IntfStatusAclSm", 130,
-       "l3IntfStatus R, intfId V, parent V, handleVrf O, destroy O, initialized V, "
-       "handleInitialized O"},
-      {"McastDns::LinkStatusAclSm", 130,
-       "linkStatus R, intfKey V, parent V, handleState O, destroy O, initialized V, "
-       "handleInitialized O"},
-      {"McastDns::CpAclSm", 130,
-       "af V, mcastDnsConfig R, mcastDnsStatus R, l3IntfStatusDir R, allVrfStatusGlobal R, "
-       "allVrfStatusLocal R, context R, mdnsIptRule V, mdnsGwIptRule V, dirtyAcl V, "
-       "refreshAclsDelay V, scheduler R, refreshAclsTask R, handleRefreshAcls O force, "
-       "handleLinkChange O, l3IntfStatusAclSm C intfId, handleL3IntfStatus O intfId, "
-       "linkStatusAclSm C intfKey, handleLinkStatus O intfKey, initialized V, "
-       "handleInitialized O"},
-      {"McastDns::AclPlugin", 386, "context R, init O context, cpAclSm R"},
-  };
+// Ids run from the type's first id in declaration order, without gaps, and
+// every attribute is found by its id and by its name and offers the accesses
+// of its kind.
+TEST(ZovModuleTest, EveryTypeNumbersItsAttributesInOrderWithoutGaps) {
   const Zov::ZovModule& module = _McastDnsAclPlugin_95fe9596_zovModule;
-  ASSERT_EQ(module.types.size(), std::size(expected));
+  ASSERT_EQ(module.types.size(), 4u);
   for (unsigned index = 0; index < module.types.size(); ++index) {
-    const auto& [name, first, attributes] = expected[index];
     const Zov::ZovTypeInfo& type = module.types[index];
-    EXPECT_STREQ(type.name, name);
-    EXPECT_EQ(fwkTypeOf(TypeIndex(index)).name(), name);
-    std::string rows;
+    SCOPED_TRACE(type.name);
+    EXPECT_EQ(fwkTypeOf(TypeIndex(index)).name(), type.name);
+    ASSERT_FALSE(type.attributes.empty());
+    const Zov::AttributeId first = type.attributes[0].id;
+    EXPECT_EQ(first, index == kAclPluginType ? 386u : 130u);
     for (std::size_t i = 0; i < type.attributes.size(); ++i) {
       const Zov::AttributeInfo& info = type.attributes[i];
-      EXPECT_EQ(type.attribute(first + i), &info) << info.name;
-      rows += (i ? ", " : "") + std::string(info.name) + " " + "VRCO"[static_cast<int>(info.kind)];
-      for (const char* arg : info.argumentNames) rows += std::string(" ") + arg;
-      if (info.keyName) rows += std::string(" ") + info.keyName;
+      EXPECT_EQ(info.id, first + i) << info.name;
+      EXPECT_EQ(type.attribute(info.id), &info);
+      EXPECT_EQ(type.attribute(info.name), &info);
+      switch (info.kind) {
+        case Zov::AttributeKind::kOperation:
+          EXPECT_TRUE(info.access.call) << info.name;
+          break;
+        case Zov::AttributeKind::kCollection:
+          EXPECT_TRUE(info.keyName && info.access.member && info.access.memberIs &&
+                      info.access.memberDel && info.access.members)
+              << info.name;
+          break;
+        default:
+          EXPECT_TRUE(info.access.read) << info.name;
+      }
     }
-    EXPECT_EQ(rows, attributes);
   }
 }
 
@@ -69,133 +63,149 @@ class GenericIfTest : public StateMachineTest {
     start();
   }
 
-  static GenericValue read(const Zov::PtrInterface& object, Zov::AttributeId id) {
-    return Zov::genericIfAttribute(object, id);
+  static GenericValue read(const Zov::PtrInterface& object, const char* name) {
+    return Zov::genericIfAttribute(object, Zov::genericIfAttributeInfo(object, name).id);
+  }
+  // Whether two values are the same, references by identity whether or not
+  // they were given as writable.
+  static bool same(const GenericValue& a, const GenericValue& b) {
+    if (a.type() != GenericValue::Type::kReference) return a == b;
+    return b.type() == GenericValue::Type::kReference &&
+           a.asReference<const Zov::PtrInterface>() == b.asReference<const Zov::PtrInterface>();
+  }
+  // Every value of a generic construction reads back under its argument's name.
+  static void expectReadsBack(const Zov::PtrInterface& object, const Values& values) {
+    const Zov::ZovTypeInfo& type = Zov::genericIfType(object);
+    ASSERT_EQ(type.constructorArgumentNames.size(), values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      const char* name = type.constructorArgumentNames[i];
+      EXPECT_TRUE(same(read(object, name), values[i])) << type.name << " " << name;
+    }
   }
 };
 
-TEST_F(GenericIfTest, ReadsReachTheTypedAccessors) {
-  CpAclSm& sm = *sm_;
-  const std::pair<Zov::AttributeId, const Zov::PtrInterface*> references[] = {
-      {131, config_.ptr()},    {132, status_.ptr()},   {133, intfDir_.ptr()},
-      {134, vrfGlobal_.ptr()}, {135, vrfLocal_.ptr()}, {136, context_.ptr()},
-      {141, scheduler_.ptr()}};
-  for (const auto& [id, expected] : references) {
-    EXPECT_EQ(read(sm, id).asReference<const Zov::PtrInterface>().ptr(), expected) << id;
-  }
-  // A mounted input reads back read-only: it cannot be passed on as writable.
-  EXPECT_THROW(read(sm, 131).asReference<Config>(), Zov::GenericArgsException);
-
-  const auto& link = *sm.linkStatusAclSm(keyOf("Ethernet1"));
-  EXPECT_EQ(read(link, 130).asReference<const LinkStatus>(), link.linkStatus());
-  EXPECT_EQ(read(link, 132).asReference<CpAclSm>(), sm_);
+TEST_F(GenericIfTest, EachObjectReportsItsTypeInThePluginsModule) {
+  const CpAclSm& sm = *sm_;
+  EXPECT_STREQ(Zov::genericIfType(sm).name, "McastDns::CpAclSm");
+  EXPECT_STREQ(Zov::genericIfType(*sm.linkStatusAclSm(keyOf("Ethernet1"))).name,
+               "McastDns::LinkStatusAclSm");
+  EXPECT_STREQ(Zov::genericIfType(*sm.l3IntfStatusAclSm(idOf("Ethernet1"))).name,
+               "McastDns::L3IntfStatusAclSm");
+  EXPECT_STREQ(Zov::genericIfType(*aclPluginFactory("McastDns")).name, "McastDns::AclPlugin");
 }
 
-TEST_F(GenericIfTest, WritesGoThroughTheirOwnSetters) {
-  CpAclSm& sm = *sm_;
-  Zov::genericIfAttributeIs(sm, 139, Values{true});
-  EXPECT_TRUE(sm.dirtyAcl());
-  EXPECT_TRUE(sm.initialized());
+TEST_F(GenericIfTest, ConstructionTakesTheCreationsValuesAndReadsThemBack) {
+  const Values smArgs{1, config_, status_, intfDir_, vrfGlobal_, vrfLocal_, context_};
+  const auto sm =
+      Zov::ptrCast<CpAclSm>(Zov::genericIfConstructFromCtorArgs(fwkTypeOf(kCpAclSmType), smArgs));
+  ASSERT_NE(sm, nullptr);
+  EXPECT_TRUE(sm->hasNotificationActive());
+  expectReadsBack(*sm, smArgs);
 
-  // A new rule text waits for the next refresh.
+  const Values linkArgs{status_->linkStatus(keyOf("Ethernet1")), sm};
+  const auto link = Zov::genericIfConstructFromCtorArgs(fwkTypeOf(kLinkStatusAclSmType), linkArgs);
+  expectReadsBack(*link, linkArgs);
+}
+
+TEST_F(GenericIfTest, WrittenRuleTextIsSentByTheNextRefresh) {
   const Zov::String rule("-p udp --dport 5353 -j ACCEPT\n");
-  const Zov::String gateway("-p tcp --dport 8853 -s 10.0.0.0/8 -j ACCEPT\n");
-  Zov::genericIfAttributeIs(sm, 137, Values{rule});
-  Zov::genericIfAttributeIs(sm, 138, Values{gateway});
-  EXPECT_EQ(sm.mdnsIptRule(), rule);
-  EXPECT_EQ(sm.mdnsGwIptRule(), gateway);
-  EXPECT_CALL(context(),
-              registerChainRule(_, _, L3::VrfName("red"), _, _, _, 0u, rule, _, _, _, _));
-  Zov::genericIfCall(sm, 143, Values{true});
+  const auto calls = calls_;
+  Zov::genericIfAttributeIs(*sm_, CpAclSm::kMdnsIptRule, Values{rule});
+  EXPECT_EQ(calls_, calls) << "writing sends nothing";
+  EXPECT_CALL(context(), registerChainRule(::testing::_, ::testing::_, L3::VrfName("red"),
+                                           ::testing::_, ::testing::_, ::testing::_, 0u, rule,
+                                           ::testing::_, ::testing::_, ::testing::_, ::testing::_));
+  Zov::genericIfCall(*sm_, CpAclSm::kHandleRefreshAcls, Values{true});
+}
 
-  // The refresh task: replaced with other settings, then removed once.
-  Zov::genericIfAttributeIs(sm, 142, Values{scheduler_, 5, "otherTask"});
-  const auto task = sm.refreshAclsTask();
+TEST_F(GenericIfTest, FlagsAreWrittenThroughTheirSetters) {
+  Zov::genericIfAttributeIs(*sm_, CpAclSm::kDirtyAcl, Values{true});
+  EXPECT_TRUE(sm_->dirtyAcl());
+  Zov::genericIfAttributeIs(*sm_, CpAclSm::kInitialized, Values{false});
+  EXPECT_FALSE(sm_->initialized());
+  EXPECT_TRUE(sm_->dirtyAcl());
+}
+
+TEST_F(GenericIfTest, RefreshTaskIsReplacedAndRemovedById) {
+  Zov::genericIfAttributeIs(*sm_, CpAclSm::kRefreshAclsTask, Values{scheduler_, 5, "otherTask"});
+  const auto task = sm_->refreshAclsTask();
   EXPECT_EQ(task->taskName(), Zov::String("otherTask"));
   EXPECT_EQ(task->taskPriority(), Pell::TaskPriority(5));
-  EXPECT_EQ(Zov::genericIfAttributeDel(sm, 142).asReference<Pell::TimerTask>(), task);
-  EXPECT_TRUE(Zov::genericIfAttributeDel(sm, 142).isNone());
-  Zov::genericIfAttributeIs(sm, 149, Values{false});
-  EXPECT_FALSE(sm.initialized());
-  EXPECT_FALSE(sm.dirtyAcl());
+  EXPECT_EQ(
+      Zov::genericIfAttributeDel(*sm_, CpAclSm::kRefreshAclsTask).asReference<Pell::TimerTask>(),
+      task);
+  EXPECT_TRUE(Zov::genericIfAttributeDel(*sm_, CpAclSm::kRefreshAclsTask).isNone());
 }
 
-TEST_F(GenericIfTest, CallsAndCollectionOperationsRunTheHandlers) {
+TEST_F(GenericIfTest, CallsRunTheHandlersWithKeysGivenAsText) {
   CpAclSm& sm = *sm_;
-  Zov::genericIfCall(sm, 144, {});
+  Zov::genericIfCall(sm, CpAclSm::kHandleLinkChange, {});
   EXPECT_TRUE(sm.refreshAclsTask()->armed());
-  Zov::genericIfCall(sm, 143, Values{false});
+  Zov::genericIfCall(sm, CpAclSm::kHandleRefreshAcls, Values{false});
   EXPECT_FALSE(sm.dirtyAcl());
 
-  // Entries published while the handlers were kept out are adopted by the
-  // per-key calls, which take their keys' text forms.
-  sm.initializedIs(false);
-  intf("Ethernet2", "red");
-  link("Ethernet2", 1, 7);
-  sm.initializedIs(true);
-  Zov::genericIfCall(sm, 146, Values{"Ethernet2"});
-  Zov::genericIfCall(sm, 148, Values{"Ethernet2#7"});
-  EXPECT_TRUE(sm.l3IntfStatusAclSm(Dovix::IntfId(Zov::String("Ethernet2"))));
+  unseen([&] {
+    intf("Ethernet2", "red");
+    link("Ethernet2", 1, 7);
+  });
+  Zov::genericIfCall(sm, CpAclSm::kHandleL3IntfStatus, Values{"Ethernet2"});
+  Zov::genericIfCall(sm, CpAclSm::kHandleLinkStatus, Values{"Ethernet2#7"});
+  EXPECT_TRUE(sm.l3IntfStatusAclSm(idOf("Ethernet2")));
   const auto watcher = sm.linkStatusAclSm(keyOf("Ethernet2", 7));
   ASSERT_TRUE(watcher);
-
-  EXPECT_EQ(
-      Zov::genericIfMember(sm, 147, GenericValue("Ethernet2#7")).asReference<LinkStatusAclSm>(),
-      watcher);
-  Zov::Ptr<const L3::Intf::Status> eth3(
-      new L3::Intf::Status(Dovix::IntfId(Zov::String("Ethernet3")), L3::VrfName("blue")));
-  const GenericValue added = Zov::genericIfMemberIs(sm, 145, Values{eth3});
-  EXPECT_EQ(added.asReference<L3IntfStatusAclSm>()->l3IntfStatus(), eth3);
-  EXPECT_EQ(Zov::genericIfMembers(sm, 145).size(), 3u);
-  EXPECT_EQ(Zov::genericIfMemberDel(sm, 145, GenericValue("Ethernet3")), added);
-  EXPECT_TRUE(Zov::genericIfMemberDel(sm, 145, GenericValue("Ethernet3")).isNone());
-
-  // A watcher's destroy leaves it uninitialised.
-  Zov::genericIfCall(*watcher, 134, {});
+  Zov::genericIfCall(*watcher, LinkStatusAclSm::kDestroy, {});
   EXPECT_FALSE(watcher->initialized());
+}
+
+TEST_F(GenericIfTest, CollectionsOfferLookupAddRemoveAndWalk) {
+  CpAclSm& sm = *sm_;
+  EXPECT_EQ(Zov::genericIfMember(sm, CpAclSm::kLinkStatusAclSm, GenericValue("Ethernet1#0"))
+                .asReference<LinkStatusAclSm>(),
+            sm.linkStatusAclSm(keyOf("Ethernet1")));
+  Zov::Ptr<const L3::Intf::Status> eth3(
+      new L3::Intf::Status(idOf("Ethernet3"), L3::VrfName("blue")));
+  const GenericValue added = Zov::genericIfMemberIs(sm, CpAclSm::kL3IntfStatusAclSm, Values{eth3});
+  EXPECT_EQ(added.asReference<L3IntfStatusAclSm>()->l3IntfStatus(), eth3);
+  EXPECT_EQ(Zov::genericIfMembers(sm, CpAclSm::kL3IntfStatusAclSm).size(), 2u);
+  EXPECT_EQ(Zov::genericIfMemberDel(sm, CpAclSm::kL3IntfStatusAclSm, GenericValue("Ethernet3")),
+            added);
+  EXPECT_TRUE(
+      Zov::genericIfMemberDel(sm, CpAclSm::kL3IntfStatusAclSm, GenericValue("Ethernet3")).isNone());
 }
 
 TEST_F(GenericIfTest, RefusalsNameWhatWasWrongAndChangeNothing) {
   CpAclSm& sm = *sm_;
-  const auto refreshes = sm.refreshes();
+  const auto calls = calls_;
   const auto task = sm.refreshAclsTask();
-
-  EXPECT_THAT(whatOf<Zov::UnknownAttributeException>([&] { read(sm, 151); }),
+  EXPECT_THAT(whatOf<Zov::UnknownAttributeException>([&] { Zov::genericIfAttribute(sm, 151); }),
               AllOf(HasSubstr("McastDns::CpAclSm"), HasSubstr("151")));
-  EXPECT_THAT(
-      whatOf<Zov::AttributeAccessException>([&] { Zov::genericIfAttributeIs(sm, 130, Values{2}); }),
-      AllOf(HasSubstr("130"), HasSubstr("af"), HasSubstr("cannot be written")));
-  EXPECT_THROW(Zov::genericIfAttributeDel(sm, 139), Zov::AttributeAccessException);
-
+  EXPECT_THAT(whatOf<Zov::AttributeAccessException>(
+                  [&] { Zov::genericIfAttributeIs(sm, CpAclSm::kAf, Values{2}); }),
+              AllOf(HasSubstr("130"), HasSubstr("af"), HasSubstr("cannot be written")));
+  EXPECT_THROW(Zov::genericIfAttributeDel(sm, CpAclSm::kDirtyAcl), Zov::AttributeAccessException);
   for (const char* bad : {"Ethernet1", "Ethernet1#", "Ethernet1#x", "Ethernet1#0x", "E#-1"}) {
-    EXPECT_THAT(whatOf<Zov::GenericArgsException>(
-                    [&] { Zov::genericIfMemberDel(sm, 147, GenericValue(bad)); }),
+    EXPECT_THAT(whatOf<Zov::GenericArgsException>([&] {
+                  Zov::genericIfMemberDel(sm, CpAclSm::kLinkStatusAclSm, GenericValue(bad));
+                }),
                 HasSubstr("NAME#NUMBER"))
         << bad;
   }
-  EXPECT_THROW(Zov::genericIfMemberIs(sm, 147, Values{config_}), Zov::GenericArgsException);
-  EXPECT_THROW(Zov::genericIfAttributeIs(sm, 142, Values{scheduler_, -1, "t"}),
+  EXPECT_THROW(Zov::genericIfMemberIs(sm, CpAclSm::kLinkStatusAclSm, Values{config_}),
                Zov::GenericArgsException);
+  EXPECT_THROW(
+      Zov::genericIfAttributeIs(sm, CpAclSm::kRefreshAclsTask, Values{scheduler_, -1, "t"}),
+      Zov::GenericArgsException);
+  // A mounted input reads back read-only: it cannot be passed on as writable.
+  EXPECT_THROW(read(sm, "mcastDnsConfig").asReference<Config>(), Zov::GenericArgsException);
 
+  EXPECT_EQ(calls_, calls);
   EXPECT_FALSE(sm.dirtyAcl());
-  EXPECT_EQ(sm.refreshes(), refreshes);
   EXPECT_EQ(sm.refreshAclsTask(), task);
+  EXPECT_EQ(sm.linkStatusAclSms().size(), 1u);
 }
 
-TEST_F(GenericIfTest, ConstructionGoesThroughEachTypesCreation) {
-  const Values smArgs{1, config_, status_, intfDir_, vrfGlobal_, vrfLocal_, context_};
-  auto sm =
-      Zov::ptrCast<CpAclSm>(Zov::genericIfConstructFromCtorArgs(fwkTypeOf(kCpAclSmType), smArgs));
-  ASSERT_NE(sm, nullptr);
-  EXPECT_TRUE(sm->hasNotificationActive());
-  EXPECT_EQ(sm->linkStatusAclSms().size(), 1u) << "the sweeps ran";
-
-  auto link = Zov::ptrCast<LinkStatusAclSm>(Zov::genericIfConstructFromCtorArgs(
-      fwkTypeOf(kLinkStatusAclSmType), Values{status_->linkStatus(keyOf("Ethernet1")), sm}));
-  ASSERT_NE(link, nullptr);
-  EXPECT_EQ(link->parent(), sm.ptr());
-
-  auto plugin = Zov::ptrCast<AclPlugin>(
+TEST_F(GenericIfTest, RootEntityIsBuiltFromItsNameAlone) {
+  const auto plugin = Zov::ptrCast<AclPlugin>(
       Zov::genericIfConstructFromCtorArgs(fwkTypeOf(kAclPluginType), Values{"McastDns"}));
   ASSERT_NE(plugin, nullptr);
   EXPECT_EQ(plugin->name(), Zov::String("McastDns"));
@@ -204,13 +214,17 @@ TEST_F(GenericIfTest, ConstructionGoesThroughEachTypesCreation) {
                                                     Values{"McastDns", context_});
               }),
               AllOf(HasSubstr("McastDns::AclPlugin"), HasSubstr("type index 3")));
+}
 
-  // The root's context and state machine, by id.
-  Zov::genericIfAttributeIs(*plugin, 386, Values{context_});
+TEST_F(GenericIfTest, RootEntitysContextAndStateMachineAreSetAndRemovedById) {
+  const Zov::Ptr<AclPlugin> plugin = aclPluginFactory("McastDns");
+  Zov::genericIfAttributeIs(*plugin, AclPlugin::kContext, Values{context_});
   EXPECT_EQ(plugin->context(), context_);
-  Zov::genericIfAttributeIs(*plugin, 388, smArgs);
-  EXPECT_EQ(read(*plugin, 388).asReference<CpAclSm>()->mcastDnsStatus(), status_);
-  const auto removed = Zov::genericIfAttributeDel(*plugin, 388).asReference<CpAclSm>();
+  const Values smArgs{1, config_, status_, intfDir_, vrfGlobal_, vrfLocal_, context_};
+  Zov::genericIfAttributeIs(*plugin, AclPlugin::kCpAclSm, smArgs);
+  expectReadsBack(*plugin->cpAclSm(), smArgs);
+  const auto removed =
+      Zov::genericIfAttributeDel(*plugin, AclPlugin::kCpAclSm).asReference<CpAclSm>();
   EXPECT_FALSE(removed->hasNotificationActive());
   EXPECT_EQ(plugin->cpAclSm(), nullptr);
 }

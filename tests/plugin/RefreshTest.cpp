@@ -22,19 +22,6 @@ constexpr auto kDir0 = static_cast<Acl::AclDirection>(0);
 const char* const kMdnsRule = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT\n";
 const char* const kGatewayRule = "-p tcp --dport 8853 -j ACCEPT\n";
 
-// One call on the context, reduced to what varies between calls.
-struct Call {
-  enum Kind { kRegister, kUnregister, kFinish };
-  Kind kind;
-  std::string vrf;
-  unsigned sequence = 0;
-  friend bool operator==(const Call&, const Call&) = default;
-  friend std::ostream& operator<<(std::ostream& os, const Call& c) {
-    static const char* const kNames[] = {"register", "unregister", "finish"};
-    return os << kNames[c.kind] << "('" << c.vrf << "', " << c.sequence << ")";
-  }
-};
-
 // What one refresh decided: for each VRF whether sequence 0 was registered
 // (true) or withdrawn (false), and whether the gateway rule was registered.
 struct Decisions {
@@ -49,23 +36,6 @@ struct Decisions {
 
 class RefreshTest : public StateMachineTest {
  protected:
-  // Appends every context call to `calls_`, in the order made.
-  void recordCalls() {
-    ON_CALL(context(), registerChainRule)
-        .WillByDefault([this](auto, auto, L3::VrfName vrf, auto, auto&, auto&, unsigned sequence,
-                              const auto&...) {
-          calls_.push_back({Call::kRegister, vrf.str(), sequence});
-        });
-    ON_CALL(context(), unregisterChainRule)
-        .WillByDefault([this](auto, auto, L3::VrfName vrf, auto, auto&, auto&, unsigned sequence) {
-          calls_.push_back({Call::kUnregister, vrf.str(), sequence});
-        });
-    ON_CALL(context(), finishRegistration)
-        .WillByDefault([this](auto, auto, L3::VrfName vrf, const auto&) {
-          calls_.push_back({Call::kFinish, vrf.str()});
-        });
-  }
-
   // Reads the decisions out of one refresh's calls and checks their shape:
   // per VRF one sequence-0 call followed by the finish of that VRF, then
   // sequence 1 in "default" and the finish of "default".
@@ -113,35 +83,35 @@ class RefreshTest : public StateMachineTest {
     sm_->handleRefreshAcls(true);
     return calls_;
   }
-
-  std::vector<Call> calls_;
 };
 
-TEST_F(RefreshTest, GoesAheadOnlyWhenInitialisedAndEitherDirtyOrForced) {
-  intf("et1", "red");
-  link("et1", 1);
+TEST_F(RefreshTest, UninitialisedNothingGoesAheadNotEvenForced) {
   CpAclSm& sm = start();
-  recordCalls();
-
-  // Not initialised: neither a forced nor a dirty refresh goes ahead, and the
-  // flag stays set.
+  calls_.clear();
   sm.initializedIs(false);
   sm.dirtyAclIs(true);
   sm.handleRefreshAcls(false);
   sm.handleRefreshAcls(true);
+  EXPECT_TRUE(calls_.empty()) << ::testing::PrintToString(calls_);
   EXPECT_TRUE(sm.dirtyAcl());
-  // Initialised, clean and not forced: nothing either.
-  sm.initializedIs(true);
-  sm.dirtyAclIs(false);
+}
+
+TEST_F(RefreshTest, CleanAndUnforcedNothingGoesAhead) {
+  CpAclSm& sm = start();
+  calls_.clear();
   sm.handleRefreshAcls(false);
   EXPECT_TRUE(calls_.empty()) << ::testing::PrintToString(calls_);
-  EXPECT_EQ(sm.refreshes(), 1u);
+}
 
-  // Dirty, it goes ahead and leaves the flag clear.
+TEST_F(RefreshTest, DirtyItGoesAheadAndClearsTheFlag) {
+  intf("et1", "red");
+  link("et1", 1);
+  CpAclSm& sm = start();
+  calls_.clear();
   sm.dirtyAclIs(true);
   sm.handleRefreshAcls(false);
+  EXPECT_EQ(decisionsOf(calls_), expectedDecisions());
   EXPECT_FALSE(sm.dirtyAcl());
-  EXPECT_EQ(calls_.size(), 6u);
 }
 
 TEST_F(RefreshTest, CallsCarryTheWholeRuleKeyWhateverTheAddressFamily) {
@@ -180,7 +150,6 @@ TEST_F(RefreshTest, CallsCarryTheWholeRuleKeyWhateverTheAddressFamily) {
 
 TEST_F(RefreshTest, MatchesAModelOverRandomStates) {
   CpAclSm& sm = start();
-  recordCalls();
   std::mt19937 random(20240611);
   auto pick = [&random](int n) { return static_cast<int>(random() % n); };
   const char* const vrfs[] = {"default", "red", "blue", "", "mgmt"};
@@ -234,16 +203,14 @@ TEST_F(RefreshTest, ForcedRefreshCancelsThePendingOne) {
   EXPECT_FALSE(sm.dirtyAcl());
   advanceMs(20);
   EXPECT_EQ(timer->runs(), 0u);
-  EXPECT_EQ(sm.refreshes(), 2u);
+  EXPECT_EQ(refreshes(), 2);
 }
 
-TEST_F(RefreshTest, ThrowingContextEndsTheRefreshAndLeavesItPending) {
+// A failure of the service ends the refresh where it happened: what was sent
+// stands, nothing after it is sent, and the refresh stays pending.
+TEST_F(RefreshTest, FailedRefreshStopsWhereItFailedAndStaysPending) {
   CpAclSm& sm = start();
-  recordCalls();
-  Zov::Ptr<Pell::TimerTask> timer = sm.refreshAclsTask();
-
-  // A forced refresh whose first finish throws: the withdrawal before it
-  // stands, nothing after it is sent, the timer keeps running.
+  calls_.clear();
   EXPECT_CALL(context(), finishRegistration)
       .WillOnce(Throw(std::runtime_error("ACL service unavailable")))
       .WillRepeatedly(DoDefault());
@@ -251,24 +218,25 @@ TEST_F(RefreshTest, ThrowingContextEndsTheRefreshAndLeavesItPending) {
   EXPECT_THROW(sm.handleRefreshAcls(true), std::runtime_error);
   EXPECT_EQ(calls_, (std::vector<Call>{{Call::kUnregister, "default", 0}}));
   EXPECT_TRUE(sm.dirtyAcl());
-  EXPECT_TRUE(timer->armed());
+  EXPECT_TRUE(sm.refreshAclsTask()->armed());
 
-  // The armed timer then refreshes in full.
   calls_.clear();
   advanceMs(10);
-  EXPECT_EQ(calls_.size(), 4u);
-  EXPECT_FALSE(sm.dirtyAcl());
+  EXPECT_EQ(decisionsOf(calls_), expectedDecisions()) << "the armed timer refreshes in full";
+}
 
-  // A timer refresh that throws reaches the loop; the flag stays set, so
-  // later changes arm nothing until a refresh goes ahead.
+// The flag stays set after a failed timer refresh, so later changes arm
+// nothing until a refresh goes ahead for another reason.
+TEST_F(RefreshTest, AfterAFailedTimerRefreshOnlyAForcedOneGoesAhead) {
+  CpAclSm& sm = start();
   EXPECT_CALL(context(), unregisterChainRule)
       .WillOnce(Throw(std::runtime_error("ACL service unavailable")))
       .WillRepeatedly(DoDefault());
   config_->gatewayEnabledIs(true);
   EXPECT_THROW(advanceMs(10), std::runtime_error);
-  EXPECT_TRUE(sm.dirtyAcl());
   config_->gatewaySettingIs(9);
-  EXPECT_FALSE(timer->armed());
+  EXPECT_TRUE(sm.dirtyAcl());
+  EXPECT_FALSE(sm.refreshAclsTask()->armed());
   EXPECT_EQ(decisionsOf(refreshNow()), (Decisions{{{"default", false}}, true}));
   EXPECT_FALSE(sm.dirtyAcl());
 }

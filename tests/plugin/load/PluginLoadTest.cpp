@@ -8,23 +8,20 @@
 #include <vector>
 
 #include "McastDns/AclPlugin/McastDnsAclPlugin.h"
-#include "McastDns/AclPlugin/Trace.h"
 #include "agent/PluginHost.h"
 #include "mocks/MockPluginContext.h"
 #include "platform/Cell.h"
+#include "plugin/PluginTesting.h"
 
 namespace {
 
+using PluginTesting::liveObjects;
+using PluginTesting::TraceCapture;
 using ::testing::_;
 using ::testing::NiceMock;
 using ::testing::Return;
 
 constexpr const char* kPluginPath = MCASTDNS_ACL_PLUGIN_PATH;
-
-std::uint64_t liveObjects(const char* type) {
-  const Zov::AllocTrackTypeInfo* record = Zov::AllocTrackTypeInfo::find(type);
-  return record ? record->liveObjects() : 0;
-}
 
 class PluginLoadTest : public ::testing::Test {
  protected:
@@ -87,36 +84,42 @@ TEST_F(PluginLoadTest, LoadingRegistersThePluginAndItsTypesOnce) {
   EXPECT_EQ(host_.paths(), std::vector<std::string>{kPluginPath});
 }
 
-TEST_F(PluginLoadTest, InitTracesOnlyWhenEnabledAndASecondInitReplacesTheRoot) {
-  std::vector<Zov::TraceRecord> records;
-  Zov::TraceSink previous = Zov::traceSinkIs([&](const Zov::TraceRecord& record) {
-    if (record.handle == "McastDnsAclPlugin") records.push_back(record);
-  });
+TEST_F(PluginLoadTest, InitTracesTheLoadingAtLevelZeroOnlyWhenEnabled) {
   load();
+  {
+    TraceCapture trace(0);
+    start();
+    EXPECT_TRUE(trace.records().empty());
+  }
+  TraceCapture trace(1u << 0);
   start();
-  EXPECT_TRUE(records.empty());
-  const std::uint64_t firstId = plugin()->aclPlugin()->mounterId();
-
-  // Started again before its mounts completed, now traced at level 0: the
-  // first entity goes at once and its completion, already due, reaches nobody.
-  Zov::TraceHandle::levelsByNameIs("McastDnsAclPlugin", 1u << McastDns::kTraceInit);
-  start();
-  Zov::traceSinkIs(std::move(previous));
-  Zov::TraceHandle::levelsByNameIs("McastDnsAclPlugin", 0);
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].level, 0u);
-  EXPECT_EQ(records[0].function, "init");
-  EXPECT_EQ(records[0].text,
+  ASSERT_EQ(trace.records().size(), 1u);
+  EXPECT_EQ(trace.records()[0].level, 0u);
+  EXPECT_EQ(trace.records()[0].function, "init");
+  EXPECT_EQ(trace.records()[0].text,
             "virtual void McastDns::McastDnsAclPlugin::init(Acl::PluginContext*)"
             "Loading McastDns Acl Plugin");
+}
+
+// Started again before its mounts completed: the first entity goes at once,
+// and its completion, already due, reaches nobody.
+TEST_F(PluginLoadTest, SecondInitBeforeCompletionDropsTheFirstRoot) {
+  load();
+  start();
+  const std::uint64_t firstId = plugin()->aclPlugin()->mounterId();
+  start();
   EXPECT_EQ(Korvel::Mounter::find(firstId), nullptr);
   scheduler_->settle();
   EXPECT_EQ(entityManager_->completions(), 1u);
+  EXPECT_NE(plugin()->aclPlugin()->cpAclSm(), nullptr);
+}
+
+TEST_F(PluginLoadTest, SecondInitAfterCompletionTakesTheOldStateMachineWithIt) {
+  load();
+  start();
+  scheduler_->settle();
   const Zov::Ptr<McastDns::CpAclSm> sm = plugin()->aclPlugin()->cpAclSm();
   ASSERT_NE(sm, nullptr);
-
-  // Started once more after completion: the old entity takes its state
-  // machine with it.
   start();
   scheduler_->settle();
   EXPECT_NE(plugin()->aclPlugin()->cpAclSm(), sm);

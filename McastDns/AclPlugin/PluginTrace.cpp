@@ -1,14 +1,14 @@
-#include "McastDns/AclPlugin/Trace.h"
+#include "McastDns/AclPlugin/PluginTrace.h"
 
 namespace McastDns::Impl {
 
-constinit Zov::TraceHandle* traceHandle_ = nullptr;
+constinit Zov::TraceHandle* defaultTraceHandle_ = nullptr;
 
-Zov::TraceHandle& traceHandleIs() {
+Zov::TraceHandle& defaultTraceHandleIs() {
   // Built once, on first use, by whichever object traces first; the
   // construction of a function-local static is guarded.
   static Zov::TraceHandle handle("McastDnsAclPlugin", false);
-  traceHandle_ = &handle;
+  defaultTraceHandle_ = &handle;
   return handle;
 }
 

@@ -10,15 +10,22 @@ namespace McastDns {
 namespace Impl {
 // Set once the handle exists, so that the test of a disabled level costs one
 // load and no call.
-extern constinit Zov::TraceHandle* traceHandle_;
-Zov::TraceHandle& traceHandleIs();
+extern constinit Zov::TraceHandle* defaultTraceHandle_;
+Zov::TraceHandle& defaultTraceHandleIs();
 }  // namespace Impl
 
 // The plugin's trace handle, built on first use and shared by every object of
 // the plugin.
-inline Zov::TraceHandle& traceHandle() {
-  if (Zov::TraceHandle* handle = Impl::traceHandle_) return *handle;
-  return Impl::traceHandleIs();
+//
+// It is not immortal: it is destroyed with the shared object's other statics
+// when the agent closes the plugin. The platform finds live handles by name,
+// and a handle left behind would keep its name, which lives in this object,
+// registered after the object is unmapped; a handle that is never freed would
+// also be a leak the agent cannot reclaim. Nothing traces after that point:
+// the plugin object, which owns everything that traces, goes first.
+inline Zov::TraceHandle& _defaultTraceHandle() {
+  if (Zov::TraceHandle* handle = Impl::defaultTraceHandle_) return *handle;
+  return Impl::defaultTraceHandleIs();
 }
 
 inline constexpr unsigned kTraceInit = 0;
@@ -30,4 +37,4 @@ inline constexpr const char* kTraceFile = "/src/McastDns/AclPlugin/McastDnsAclPl
 // Writes a record at `level` with the handler's short name; the full
 // signature is streamed into it.
 #define MCASTDNS_TRACE(level, shortName) \
-  ZOV_TRACE(::McastDns::traceHandle(), level, ::McastDns::kTraceFile, shortName)
+  ZOV_TRACE(::McastDns::_defaultTraceHandle(), level, ::McastDns::kTraceFile, shortName)

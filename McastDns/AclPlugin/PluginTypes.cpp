@@ -2,7 +2,7 @@
 // order of its id, saying what kind of attribute it is and through which of
 // the type's own accessors, setters and handlers the generic interface
 // reaches it.
-#include "McastDns/AclPlugin/ZovModule.h"
+#include "McastDns/AclPlugin/PluginTypes.h"
 
 #include <array>
 

@@ -104,7 +104,32 @@ void Agent::show(ShowWhat what, std::ostream& out) {
   }
 }
 
+namespace {
+// Whether `args` publishes links, interfaces or VRFs, and its words if so.
+const char* publishesKernelState(const CommandArgs& args) {
+  return std::visit(Overloaded{
+                        [](const LinkSetCmd&) { return "link set"; },
+                        [](const LinkReplaceCmd&) { return "link replace"; },
+                        [](const LinkDelCmd&) { return "link del"; },
+                        [](const IntfSetCmd&) { return "intf set"; },
+                        [](const IntfReplaceCmd&) { return "intf replace"; },
+                        [](const IntfDelCmd&) { return "intf del"; },
+                        [](const VrfAddCmd&) { return "vrf add"; },
+                        [](const VrfDelCmd&) { return "vrf del"; },
+                        [](const OmitCmd&) { return "omit"; },
+                        [](const RecreateCmd&) { return "recreate"; },
+                        [](const auto&) -> const char* { return nullptr; },
+                    },
+                    args);
+}
+}  // namespace
+
 void Agent::run(const Command& command, std::ostream& out) {
+  if (const char* words = kernelOwnsState_ ? publishesKernelState(command.args) : nullptr) {
+    throw std::runtime_error(std::string(words) +
+                             " is refused: in live mode the kernel owns links, interfaces and "
+                             "VRFs");
+  }
   std::visit(Overloaded{
                  [&](const GatewayEnabledCmd& c) { db_.gatewayEnabledIs(c.enabled); },
                  [&](const GatewaySettingCmd& c) { db_.gatewaySettingIs(c.setting); },

@@ -55,6 +55,14 @@ class Agent {
   void drain() { scheduler_->drain(); }
   // False when, with --apply, some VRF's rules are not in place.
   bool applied() const { return !backend_ || backend_->allInPlace(); }
+  // In live mode the kernel owns links, interfaces and VRFs: commands that
+  // publish them are refused.
+  void kernelOwnsStateIs(bool owns) { kernelOwnsState_ = owns; }
+  // Reads every VRF back and repairs what is not in place (with --apply).
+  void reapply() {
+    if (backend_) backend_->resync();
+  }
+
   // With --apply, the VRFs whose rules must stand and are not in place.
   std::vector<IptablesBackend::VrfStatus> notApplied() const;
 
@@ -73,6 +81,7 @@ class Agent {
   Zov::Ptr<RuleService> rules_;
   PluginHost host_;
   std::unique_ptr<IptablesBackend> backend_;
+  bool kernelOwnsState_ = false;
 };
 
 }  // namespace AclAgent

@@ -46,6 +46,12 @@ const char kUsage[] =
     "                       (default: those on PATH)\n"
     "  --remove-applied     remove the agent's chains and jumps from its own\n"
     "                       namespace and every one --netns reaches, and exit\n"
+    "  --live               take links, interfaces and VRFs from the kernel as\n"
+    "                       they change, on the wall clock, until SIGINT or\n"
+    "                       SIGTERM; standard input runs as with -i\n"
+    "  --mdns-intf GLOB     live: only links whose name matches may want the\n"
+    "                       rule (repeatable; default: every interface)\n"
+    "  --gateway-setting N  live: enable the gateway with setting N\n"
     "  --help               print this help\n"
     "  --version            print the version\n";
 
@@ -132,6 +138,9 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
     kIptablesRestore,
     kIptablesSave,
     kRemoveApplied,
+    kLive,
+    kMdnsIntf,
+    kGatewaySetting,
   };
   static const option kOptions[] = {
       {"plugin", required_argument, nullptr, kPlugin},
@@ -144,6 +153,9 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
       {"iptables-restore", required_argument, nullptr, kIptablesRestore},
       {"iptables-save", required_argument, nullptr, kIptablesSave},
       {"remove-applied", no_argument, nullptr, kRemoveApplied},
+      {"live", no_argument, nullptr, kLive},
+      {"mdns-intf", required_argument, nullptr, kMdnsIntf},
+      {"gateway-setting", required_argument, nullptr, kGatewaySetting},
       {"help", no_argument, nullptr, kHelp},
       {"version", no_argument, nullptr, kVersion},
       {nullptr, 0, nullptr, 0},
@@ -196,6 +208,22 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
       case kRemoveApplied:
         options.removeApplied = true;
         break;
+      case kLive:
+        options.live = options.realtime = options.interactive = true;
+        break;
+      case kMdnsIntf:
+        options.mdnsGlobs.emplace_back(optarg);
+        break;
+      case kGatewaySetting: {
+        unsigned setting = 0;
+        const std::string_view text = optarg;
+        auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), setting);
+        if (ec != std::errc() || end != text.data() + text.size() || setting > 65535) {
+          return usageError("--gateway-setting wants a number 0..65535, got " + shownName(optarg));
+        }
+        options.gatewaySetting = static_cast<std::uint16_t>(setting);
+        break;
+      }
       case kHelp:
         std::cout << kUsage;
         return kExitOk;
@@ -217,6 +245,10 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
   }
 
   options.scenarios.assign(argv + optind, argv + argc);
+  if (options.live && !options.scenarios.empty()) {
+    return usageError("--live reads its commands from standard input, not from " +
+                      shownName(options.scenarios[0]));
+  }
   if (options.scenarios.empty()) options.scenarios.push_back("-");
   return std::nullopt;
 }

@@ -10,6 +10,7 @@
 // missing plugin is a usage error before anything runs.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -30,7 +31,11 @@ struct CommandLine {
   bool apply = false;
   bool removeApplied = false;
   IptablesBackendOptions backend;
-  std::vector<std::string> scenarios;  // "-" for standard input
+  // --live: state from the kernel, on the wall clock, until a signal.
+  bool live = false;
+  std::vector<std::string> mdnsGlobs;           // --mdns-intf, repeatable
+  std::optional<std::uint16_t> gatewaySetting;  // --gateway-setting
+  std::vector<std::string> scenarios;           // "-" for standard input
 };
 
 // The exit statuses.

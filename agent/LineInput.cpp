@@ -13,8 +13,8 @@ namespace {
 LineInput* terminalInput = nullptr;
 }  // namespace
 
-LineInput::LineInput(Pell::TaskSchedulerRoot& loop, bool terminal)
-    : loop_(loop), terminal_(terminal) {
+LineInput::LineInput(Pell::TaskSchedulerRoot& loop, bool terminal, const bool* stop)
+    : loop_(loop), terminal_(terminal), stop_(stop) {
   if (terminal_) terminalInput = this;
 }
 
@@ -62,7 +62,7 @@ std::optional<std::string> LineInput::next() {
     if (terminal_) rl_callback_handler_install("acl-agent> ", &LineInput::onTerminalLine);
     loop_.fdWatchIs(STDIN_FILENO, [this] { readSome(); });
     try {
-      loop_.runUntil([this] { return !lines_.empty() || ended_; });
+      loop_.runUntil([this] { return !lines_.empty() || ended_ || (stop_ && *stop_); });
     } catch (...) {
       loop_.fdWatchDel(STDIN_FILENO);
       if (terminal_) rl_callback_handler_remove();
@@ -71,7 +71,7 @@ std::optional<std::string> LineInput::next() {
     loop_.fdWatchDel(STDIN_FILENO);
     if (terminal_) rl_callback_handler_remove();
   }
-  if (lines_.empty()) return std::nullopt;
+  if (lines_.empty() || (stop_ && *stop_)) return std::nullopt;
   std::string line = std::move(lines_.front());
   lines_.pop_front();
   return line;

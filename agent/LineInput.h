@@ -22,13 +22,14 @@ namespace AclAgent {
 
 class LineInput {
  public:
-  LineInput(Pell::TaskSchedulerRoot& loop, bool terminal);
+  // `stop`, when given, ends the wait for a line as soon as it is true.
+  LineInput(Pell::TaskSchedulerRoot& loop, bool terminal, const bool* stop = nullptr);
   ~LineInput();
   LineInput(const LineInput&) = delete;
   LineInput& operator=(const LineInput&) = delete;
 
-  // The next line, without its end; none at the end of input. A last line
-  // without an end counts as well.
+  // The next line, without its end; none at the end of input or once `stop`
+  // is true. A last line without an end counts as well.
   std::optional<std::string> next();
   // The error number of a failed read, or 0.
   int error() const { return error_; }
@@ -39,6 +40,7 @@ class LineInput {
 
   Pell::TaskSchedulerRoot& loop_;
   bool terminal_;
+  const bool* stop_;
   std::string partial_;
   std::deque<std::string> lines_;
   bool ended_ = false;

@@ -5,6 +5,8 @@
 // scenario file before anything runs, then runs them (`Runner`); standard
 // input on a terminal or with -i runs line by line as it arrives.
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include "agent/Agent.h"
 #include "agent/CommandLine.h"
 #include "agent/LineInput.h"
+#include "agent/LiveMode.h"
 #include "agent/Output.h"
 
 namespace {
@@ -115,8 +118,8 @@ class Runner {
   // Runs standard input line by line as it arrives. A line that does not
   // parse, or whose plugin cannot be loaded, is reported and the session
   // goes on. False when the run must end.
-  bool runLines(Pell::TaskSchedulerRoot& loop, bool terminal) {
-    AclAgent::LineInput input(loop, terminal);
+  bool runLines(Pell::TaskSchedulerRoot& loop, bool terminal, const bool* stop = nullptr) {
+    AclAgent::LineInput input(loop, terminal, stop);
     unsigned lineNumber = 0;
     while (std::optional<std::string> line = input.next()) {
       std::string_view text = *line;
@@ -149,6 +152,9 @@ class Runner {
 
   int status() const { return status_; }
 
+  // The output of the run, for lines the program prints itself.
+  std::ostream& out() { return out_; }
+
  private:
   void report(const std::string& file, unsigned line, const std::string& message) {
     out_.flush();
@@ -172,6 +178,68 @@ class Runner {
   int status_ = AclAgent::kExitOk;
   bool outputFailed_ = false;  // reported; nothing more is written
 };
+
+// Ends the wait of a live agent when SIGINT or SIGTERM arrives: the signals
+// are taken off their default action and read from a descriptor the loop
+// watches.
+class StopSignals {
+ public:
+  explicit StopSignals(Pell::TaskSchedulerRoot& loop) : loop_(loop) {
+    // A signal its starter had ignored (as a shell does for background jobs)
+    // would be dropped rather than read: take both back first.
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGINT);
+    sigaddset(&signals_, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals_, nullptr);
+    fd_ = signalfd(-1, &signals_, SFD_NONBLOCK | SFD_CLOEXEC);
+    if (fd_ < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
+    loop_.fdWatchIs(fd_, [this] {
+      signalfd_siginfo info;
+      while (read(fd_, &info, sizeof info) == sizeof info) stopped_ = true;
+    });
+  }
+  ~StopSignals() {
+    loop_.fdWatchDel(fd_);
+    close(fd_);
+    sigprocmask(SIG_UNBLOCK, &signals_, nullptr);
+  }
+  const bool* stopped() const { return &stopped_; }
+
+ private:
+  Pell::TaskSchedulerRoot& loop_;
+  sigset_t signals_;
+  int fd_ = -1;
+  bool stopped_ = false;
+};
+
+// `acl-agent --live`: publishes the kernel's state, loads the plugins, says
+// "ready" once their first refresh has run (and, with --apply, been put in
+// place), runs standard input as it arrives and goes on until a signal.
+int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner& runner,
+            const Zov::Ptr<Pell::TaskSchedulerRoot>& loop) {
+  StopSignals signals(*loop);
+  AclAgent::StateDatabase& db = agent.stateDatabase();
+  db.gatewayEnabledIs(options.gatewaySetting.has_value());
+  db.gatewaySettingIs(options.gatewaySetting.value_or(0));
+  AclAgent::LiveMode live(loop, db,
+                          AclAgent::LiveOptions{options.backend.netnsTemplate,
+                                                options.backend.netnsDir, options.mdnsGlobs},
+                          std::cerr, [&](const std::string&) { agent.reapply(); });
+  agent.kernelOwnsStateIs(true);
+  loop->runUntil([&] { return live.dumped() || *signals.stopped(); });
+  if (!runner.run("--live", AclAgent::Command{0, AclAgent::LoadCmd{}})) return runner.status();
+  const std::uint64_t callsBefore = agent.ruleService().calls();
+  loop->runUntil([&] { return agent.ruleService().calls() > callsBefore || *signals.stopped(); });
+  agent.drain();
+  runner.out() << "ready\n";
+  runner.out().flush();
+  runner.runLines(*loop, isatty(STDIN_FILENO), signals.stopped());
+  // The end of standard input does not stop a live agent.
+  loop->runUntil([&] { return *signals.stopped(); });
+  return AclAgent::kExitOk;
+}
 
 // A --trace that named a handle no code made is most likely a typing error.
 void reportUnusedTraces(const AclAgent::CommandLine& options) {
@@ -233,6 +301,11 @@ int main(int argc, char** argv) {
                         options.apply ? std::optional(options.backend) : std::nullopt);
   if (options.realtime) loop->wallClockIs(true);
   Runner runner(agent);
+  if (options.live) {
+    const int status = runLive(options, agent, runner, loop);
+    reportUnusedTraces(options);
+    return status;
+  }
   if (lineByLine) {
     runner.runLines(*loop, terminal);
     agent.drain();

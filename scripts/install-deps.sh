@@ -3,7 +3,7 @@
 # any is missing. Safe to run again: it does nothing when all are present.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev libedit-dev
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev libedit-dev libmnl-dev
           iptables iproute2 clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do

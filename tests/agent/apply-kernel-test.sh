@@ -12,27 +12,8 @@
 # (skipped) with the reason where that cannot be had.
 set -uo pipefail
 agent=$1 probe=$2
-
-if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
-  [ "$(id -u)" = 0 ] || { echo "skipped: needs root for network namespaces and iptables"; exit 77; }
-  for tool in unshare ip iptables-restore iptables-save; do
-    command -v "$tool" > /dev/null || { echo "skipped: $tool is not installed"; exit 77; }
-  done
-  unshare -m -n true 2> /dev/null || { echo "skipped: cannot make private namespaces here"; exit 77; }
-  ACL_PRIVATE_NAMESPACE=1 exec unshare -m -n -- bash "$0" "$@"
-fi
-
-mount -t tmpfs tmpfs /run && mkdir -p /run/netns || { echo "skipped: cannot mount a private /run"; exit 77; }
-ip link set lo up
-if ! iptables-save > /dev/null 2>&1; then echo "skipped: iptables cannot run here"; exit 77; fi
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+source "$(dirname "$0")/kernel-test-lib.sh"
+enter_private_namespace "$0" "$@"
 
 owned=ACLAGENT-INPUT
 
@@ -63,37 +44,6 @@ foreign_rules() {
     sed 's/\[[0-9]*:[0-9]*\]//'
 }
 
-# Prints how many of three datagrams sent to NAME's group and port arrived.
-datagrams_into() {
-  local name=$1
-  ip netns exec "$name" "$probe" receive 224.0.0.251 5353 "v-$name" 600 > "$work/received" &
-  local receiver=$!
-  for _ in $(seq 50); do grep -q listening "$work/received" 2> /dev/null && break; sleep 0.02; done
-  "$probe" send 224.0.0.251 5353 "h-$name" 3
-  wait "$receiver"
-  sed -n 's/^received //p' "$work/received"
-}
-
-# The agent, driven line by line; `ask` sends commands and keeps what they
-# printed in $work/answer (the coprocess's pipes do not reach a subshell).
-start_agent() {
-  coproc AGENT { "$agent" -i --apply --resync 3600 2> "$work/agent.err"; echo "exit $?" > "$work/agent.exit"; }
-}
-ask() {
-  for command in "$@"; do echo "$command" >&"${AGENT[1]}"; done
-  echo "echo --end--" >&"${AGENT[1]}"
-  local line
-  : > "$work/answer"
-  while IFS= read -r -u "${AGENT[0]}" line; do
-    [ "$line" = "--end--" ] && break
-    echo "$line" >> "$work/answer"
-  done
-}
-stop_agent() {
-  local pid=$AGENT_PID
-  exec {AGENT[1]}>&-
-  wait "$pid" 2> /dev/null
-}
 expect_applied() {
   local what=$1 expected=$2 got
   ask "show applied"
@@ -105,7 +55,7 @@ vrf_namespace red 1
 before=$(foreign_rules red)
 
 # --- the rule stands while the link is up, and only then
-start_agent
+start_agent -i --apply --resync 3600
 ask "vrf add global red" "intf set v-red red" "link set v-red 1" "load" "settle"
 [ "$(datagrams_into red)" = 3 ] || fail "datagrams did not arrive while the rule stands"
 expect_applied red 'netns="red" state=ok rules=1 writes=1 repairs=0'
@@ -147,7 +97,7 @@ stop_agent
 [ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay in place after the agent ended"
 
 # --- a restart with the same state writes nothing
-start_agent
+start_agent -i --apply --resync 3600
 ask "vrf add global red" "vrf add global blue" "intf set v-red red" "intf set v-blue blue" \
     "link set v-red 1" "link set v-blue 1" "load" "settle"
 expect_applied red "state=ok rules=1 writes=0"
@@ -163,6 +113,4 @@ done
 $(diff <(echo "$before") <(foreign_rules red))"
 [ "$(datagrams_into red)" = 0 ] || fail "datagrams arrived after removal"
 
-if [ -s "$work/agent.err" ]; then echo "agent's standard error:"; cat "$work/agent.err"; fi
-[ $failures -eq 0 ] || { echo "$failures check(s) failed"; exit 1; }
-echo "all checks passed"
+finish

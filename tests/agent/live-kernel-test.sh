@@ -10,27 +10,8 @@
 # exits 77 (skipped) with the reason where that cannot be had.
 set -uo pipefail
 agent=$1 probe=$2
-
-if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
-  [ "$(id -u)" = 0 ] || { echo "skipped: needs root for network namespaces and iptables"; exit 77; }
-  for tool in unshare ip iptables-restore iptables-save; do
-    command -v "$tool" > /dev/null || { echo "skipped: $tool is not installed"; exit 77; }
-  done
-  unshare -m -n true 2> /dev/null || { echo "skipped: cannot make private namespaces here"; exit 77; }
-  ACL_PRIVATE_NAMESPACE=1 exec unshare -m -n -- bash "$0" "$@"
-fi
-
-mount -t tmpfs tmpfs /run && mkdir -p /run/netns || { echo "skipped: cannot mount a private /run"; exit 77; }
-ip link set lo up
-if ! iptables-save > /dev/null 2>&1; then echo "skipped: iptables cannot run here"; exit 77; fi
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+source "$(dirname "$0")/kernel-test-lib.sh"
+enter_private_namespace "$0" "$@"
 
 # Namespace NAME joined to ours by "h-NAME" here and "v-NAME" there (left
 # down), with INPUT policy DROP there.
@@ -44,34 +25,11 @@ vrf_namespace() {
   ip netns exec "$name" iptables -P INPUT DROP
 }
 
-# How many of three datagrams sent into NAME through INTF arrived.
-datagrams_into() {
-  local name=$1 intf=${2:-v-$1}
-  ip netns exec "$name" "$probe" receive 224.0.0.251 5353 "$intf" 600 > "$work/received" &
-  local receiver=$!
-  for _ in $(seq 50); do grep -q listening "$work/received" 2> /dev/null && break; sleep 0.02; done
-  "$probe" send 224.0.0.251 5353 "h-$name" 3
-  wait "$receiver"
-  sed -n 's/^received //p' "$work/received"
-}
-
-# The agent; `ask` sends commands and keeps what they printed in
-# $work/answer, `await` asks again until a line matches (the kernel's news
-# and the refresh take a moment).
-coproc AGENT { exec "$agent" --live --apply --mdns-intf 'v-*' --resync 3600 2> "$work/agent.err"; }
-agent_pid=$AGENT_PID
+# The agent; `await` asks again until a line matches (the kernel's news and
+# the refresh take a moment).
+start_agent --live --apply --mdns-intf 'v-*' --resync 3600
 IFS= read -r -t 20 -u "${AGENT[0]}" first
 [ "$first" = ready ] || { echo "FAIL: the agent did not say ready: $first $(cat "$work/agent.err")"; exit 1; }
-ask() {
-  for command in "$@"; do echo "$command" >&"${AGENT[1]}"; done
-  echo "echo --end--" >&"${AGENT[1]}"
-  local line
-  : > "$work/answer"
-  while IFS= read -r -u "${AGENT[0]}" line; do
-    [ "$line" = "--end--" ] && break
-    echo "$line" >> "$work/answer"
-  done
-}
 await() {
   local command=$1 pattern=$2 absent=${3:-}
   for _ in $(seq 100); do
@@ -131,14 +89,8 @@ ask "link set v-red 0"
 grep -q "kernel owns" "$work/agent.err" || fail "link set was not refused in live mode"
 
 # --- SIGTERM ends it with status 0; the rules stay
-kill -TERM "$agent_pid"
-wait "$agent_pid"
-status=$?
-[ "$status" = 0 ] || fail "the agent exited $status on SIGTERM"
+signal_agent TERM
+[ "$(cat "$work/agent.exit")" = "exit 0" ] || fail "the agent did not exit 0 on SIGTERM"
 [ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay after the agent ended"
 
-if [ $failures -ne 0 ]; then
-  echo "agent's standard error:"; cat "$work/agent.err"
-  echo "$failures check(s) failed"; exit 1
-fi
-echo "all checks passed"
+finish

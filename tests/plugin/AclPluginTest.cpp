@@ -55,13 +55,12 @@ class AclPluginTest : public ::testing::Test {
     plugin_->init(context_);
     return *plugin_;
   }
-  // A started root entity whose mounts have completed.
-  AclPlugin& startAndComplete() {
-    AclPlugin& plugin = start();
-    entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess);
-    return plugin;
-  }
   void complete() { entityManager_->mountsCompleteIs(Korvel::MountStatus::kSuccess); }
+  AclPlugin& startAndComplete() {
+    start();
+    complete();
+    return *plugin_;
+  }
 
   std::size_t heard(Zov::AttributeId id) const {
     return std::count(listener_->ids_.begin(), listener_->ids_.end(), id);
@@ -120,15 +119,6 @@ TEST_F(AclPluginTest, CompletionBuildsTheStateMachineWhateverTheStatus) {
   EXPECT_EQ(heard(AclPlugin::kCpAclSm), 1u);
 }
 
-TEST_F(AclPluginTest, CompletionWithTheSameInputsKeepsTheStateMachine) {
-  AclPlugin& plugin = startAndComplete();
-  const Zov::Ptr<CpAclSm> sm = plugin.cpAclSm();
-  scheduler_->settle();  // the completion due from the loop
-  EXPECT_EQ(entityManager_->completions(), 2u);
-  EXPECT_EQ(plugin.cpAclSm(), sm);
-  EXPECT_EQ(heard(AclPlugin::kCpAclSm), 1u);
-}
-
 TEST_F(AclPluginTest, CompletionWithAnotherEntityUnderAnyPathReplacesTheStateMachine) {
   AclPlugin& plugin = startAndComplete();
   const std::pair<Zov::String, Zov::Entity*> replacements[] = {
@@ -149,9 +139,13 @@ TEST_F(AclPluginTest, CompletionWithAnotherEntityUnderAnyPathReplacesTheStateMac
   EXPECT_NE(plugin.cpAclSm(), before) << "another context";
 }
 
-TEST_F(AclPluginTest, StateMachineIsKeptOnlyForTheSameAddressFamily) {
+TEST_F(AclPluginTest, StateMachineIsKeptOnlyForTheSameInputsAndAddressFamily) {
   AclPlugin& plugin = startAndComplete();
   const Zov::Ptr<CpAclSm> sm = plugin.cpAclSm();
+  scheduler_->settle();  // the completion due from the loop
+  EXPECT_EQ(entityManager_->completions(), 2u);
+  EXPECT_EQ(plugin.cpAclSm(), sm);
+  EXPECT_EQ(heard(AclPlugin::kCpAclSm), 1u);
   const auto again = [&](Dovix::AddressFamily af) {
     return plugin.cpAclSmIs(af, sm->mcastDnsConfig(), sm->mcastDnsStatus(), sm->l3IntfStatusDir(),
                             sm->allVrfStatusGlobal(), sm->allVrfStatusLocal(), sm->context());
@@ -183,7 +177,7 @@ TEST_F(AclPluginTest, ContextIsAnnouncesOnlyAnotherContext) {
   EXPECT_EQ(heard(AclPlugin::kContext), before + 1);
 }
 
-TEST_F(AclPluginTest, RemovalAnnouncesAndSwitchesTheStateMachineOff) {
+TEST_F(AclPluginTest, RemovalAndDestructionSwitchTheStateMachineOff) {
   AclPlugin& plugin = startAndComplete();
   const Zov::Ptr<CpAclSm> removed = plugin.cpAclSmDel();
   EXPECT_FALSE(removed->hasNotificationActive());
@@ -191,10 +185,9 @@ TEST_F(AclPluginTest, RemovalAnnouncesAndSwitchesTheStateMachineOff) {
   EXPECT_EQ(heard(AclPlugin::kCpAclSm), 2u);
   EXPECT_EQ(plugin.cpAclSmDel(), nullptr);
   EXPECT_EQ(heard(AclPlugin::kCpAclSm), 2u) << "removing none announces nothing";
-}
 
-TEST_F(AclPluginTest, DestructionSwitchesOffAndLetsGoOfTheStateMachine) {
-  const Zov::Ptr<CpAclSm> kept = startAndComplete().cpAclSm();
+  complete();
+  const Zov::Ptr<CpAclSm> kept = plugin.cpAclSm();
   listener_ = nullptr;
   plugin_ = nullptr;
   EXPECT_FALSE(kept->hasNotificationActive());

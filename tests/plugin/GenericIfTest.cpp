@@ -118,14 +118,6 @@ TEST_F(GenericIfTest, WrittenRuleTextIsSentByTheNextRefresh) {
   Zov::genericIfCall(*sm_, CpAclSm::kHandleRefreshAcls, Values{true});
 }
 
-TEST_F(GenericIfTest, FlagsAreWrittenThroughTheirSetters) {
-  Zov::genericIfAttributeIs(*sm_, CpAclSm::kDirtyAcl, Values{true});
-  EXPECT_TRUE(sm_->dirtyAcl());
-  Zov::genericIfAttributeIs(*sm_, CpAclSm::kInitialized, Values{false});
-  EXPECT_FALSE(sm_->initialized());
-  EXPECT_TRUE(sm_->dirtyAcl());
-}
-
 TEST_F(GenericIfTest, RefreshTaskIsReplacedAndRemovedById) {
   Zov::genericIfAttributeIs(*sm_, CpAclSm::kRefreshAclsTask, Values{scheduler_, 5, "otherTask"});
   const auto task = sm_->refreshAclsTask();
@@ -137,7 +129,7 @@ TEST_F(GenericIfTest, RefreshTaskIsReplacedAndRemovedById) {
   EXPECT_TRUE(Zov::genericIfAttributeDel(*sm_, CpAclSm::kRefreshAclsTask).isNone());
 }
 
-TEST_F(GenericIfTest, CallsRunTheHandlersWithKeysGivenAsText) {
+TEST_F(GenericIfTest, CallsRunTheHandlersWithKeysGivenAsTextAndFlagsUseTheirSetters) {
   CpAclSm& sm = *sm_;
   Zov::genericIfCall(sm, CpAclSm::kHandleLinkChange, {});
   EXPECT_TRUE(sm.refreshAclsTask()->armed());
@@ -155,6 +147,12 @@ TEST_F(GenericIfTest, CallsRunTheHandlersWithKeysGivenAsText) {
   ASSERT_TRUE(watcher);
   Zov::genericIfCall(*watcher, LinkStatusAclSm::kDestroy, {});
   EXPECT_FALSE(watcher->initialized());
+
+  // Flags are written through their setters.
+  Zov::genericIfAttributeIs(sm, CpAclSm::kDirtyAcl, Values{true});
+  EXPECT_TRUE(sm.dirtyAcl());
+  Zov::genericIfAttributeIs(sm, CpAclSm::kInitialized, Values{false});
+  EXPECT_FALSE(sm.initialized());
 }
 
 TEST_F(GenericIfTest, CollectionsOfferLookupAddRemoveAndWalk) {
@@ -204,7 +202,7 @@ TEST_F(GenericIfTest, RefusalsNameWhatWasWrongAndChangeNothing) {
   EXPECT_EQ(sm.linkStatusAclSms().size(), 1u);
 }
 
-TEST_F(GenericIfTest, RootEntityIsBuiltFromItsNameAlone) {
+TEST_F(GenericIfTest, RootEntityIsBuiltFromItsNameAloneAndSetUpById) {
   const auto plugin = Zov::ptrCast<AclPlugin>(
       Zov::genericIfConstructFromCtorArgs(fwkTypeOf(kAclPluginType), Values{"McastDns"}));
   ASSERT_NE(plugin, nullptr);
@@ -214,10 +212,7 @@ TEST_F(GenericIfTest, RootEntityIsBuiltFromItsNameAlone) {
                                                     Values{"McastDns", context_});
               }),
               AllOf(HasSubstr("McastDns::AclPlugin"), HasSubstr("type index 3")));
-}
 
-TEST_F(GenericIfTest, RootEntitysContextAndStateMachineAreSetAndRemovedById) {
-  const Zov::Ptr<AclPlugin> plugin = aclPluginFactory("McastDns");
   Zov::genericIfAttributeIs(*plugin, AclPlugin::kContext, Values{context_});
   EXPECT_EQ(plugin->context(), context_);
   const Values smArgs{1, config_, status_, intfDir_, vrfGlobal_, vrfLocal_, context_};

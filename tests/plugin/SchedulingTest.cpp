@@ -14,34 +14,19 @@ class SchedulingTest : public StateMachineTest {
 
 // --- arming ---------------------------------------------------------------------------
 
-TEST_F(SchedulingTest, StartRunsOneRefreshAndLeavesNothingPending) {
-  intf("Ethernet1", "red");
-  link("Ethernet1", 1);
-  link("Ethernet2", 0);
-  CpAclSm& sm = start();
-  EXPECT_EQ(refreshes(), 1);
-  EXPECT_TRUE(sm.initialized());
-  EXPECT_FALSE(sm.dirtyAcl());
-  EXPECT_FALSE(timer().armed());
-}
-
-TEST_F(SchedulingTest, StartWatchesEveryEntry) {
+TEST_F(SchedulingTest, StartWatchesEveryEntryRunsOneRefreshAndLeavesNothingPending) {
   intf("Ethernet1", "red");
   intf("Ethernet3", "blue");
   link("Ethernet1", 1);
   link("Ethernet2", 0);
   CpAclSm& sm = start();
-  EXPECT_TRUE(sm.l3IntfStatusAclSm(idOf("Ethernet1")));
-  EXPECT_TRUE(sm.l3IntfStatusAclSm(idOf("Ethernet3")));
+  EXPECT_EQ(sm.l3IntfStatusAclSms().size(), 2u);
   EXPECT_TRUE(sm.linkStatusAclSm(keyOf("Ethernet1")));
   EXPECT_TRUE(sm.linkStatusAclSm(keyOf("Ethernet2")));
-}
-
-TEST_F(SchedulingTest, RefreshTaskIsNamedRefreshAclsTaskWithPriorityThree) {
-  start();
-  EXPECT_EQ(timer().taskName(), Zov::String("refreshAclsTask"));
-  EXPECT_EQ(timer().taskPriority(), Pell::TaskPriority(3));
-  EXPECT_EQ(timer().taskScheduler(), scheduler_);
+  EXPECT_EQ(refreshes(), 1);
+  EXPECT_TRUE(sm.initialized());
+  EXPECT_FALSE(sm.dirtyAcl());
+  EXPECT_FALSE(timer().armed());
 }
 
 TEST_F(SchedulingTest, BurstOfChangesArmsOnceAndRefreshesOnceTenMillisecondsLater) {
@@ -71,17 +56,6 @@ TEST_F(SchedulingTest, ChangesWhileUninitialisedArmNothing) {
   EXPECT_FALSE(timer().armed());
 }
 
-TEST_F(SchedulingTest, ChangeRightAfterARefreshArmsAgain) {
-  CpAclSm& sm = start();
-  config_->gatewaySettingIs(7);
-  settle();
-  config_->gatewaySettingIs(8);
-  EXPECT_TRUE(sm.dirtyAcl());
-  EXPECT_TRUE(timer().armed());
-  settle();
-  EXPECT_EQ(refreshes(), 3);
-}
-
 // --- watchers -------------------------------------------------------------------------
 
 TEST_F(SchedulingTest, LinkStateAndInterfaceVrfChangesArmTheRefresh) {
@@ -91,20 +65,11 @@ TEST_F(SchedulingTest, LinkStateAndInterfaceVrfChangesArmTheRefresh) {
   eth1->stateIs(1);
   EXPECT_TRUE(sm.dirtyAcl());
   settle();
-  intf("Ethernet1", "blue");
+  intf("Ethernet1", "blue");  // right after a refresh, a change arms again
   EXPECT_TRUE(sm.dirtyAcl());
-}
-
-TEST_F(SchedulingTest, OtherAttributesOfAWatchedEntryArmNothing) {
-  intf("Ethernet1", "red");
-  auto eth1 = link("Ethernet1", 0);
-  CpAclSm& sm = start();
-  const auto e1 = intfDir_->intfStatus(idOf("Ethernet1"));
-  for (Zov::AttributeId id : {258u, 260u}) {
-    eth1->notifieeList()->visit(id);
-    e1->notifieeList()->visit(id);
-  }
-  EXPECT_FALSE(sm.dirtyAcl());
+  EXPECT_TRUE(timer().armed());
+  settle();
+  EXPECT_EQ(refreshes(), 3);
 }
 
 TEST_F(SchedulingTest, RemovedEntryDestroysItsWatcherAndArmsTheRefresh) {
@@ -133,13 +98,6 @@ TEST_F(SchedulingTest, DestroyedWatcherIgnoresItsEntity) {
   status_->linkStatusDel(keyOf("Ethernet1"));
   settle();
   eth1->stateIs(0);
-  EXPECT_FALSE(sm.dirtyAcl());
-}
-
-TEST_F(SchedulingTest, RemovalOfAKeyNeverWatchedDoesNothing) {
-  CpAclSm& sm = start();
-  sm.handleLinkStatus(keyOf("Ethernet9"));
-  sm.handleL3IntfStatus(idOf("Ethernet9"));
   EXPECT_FALSE(sm.dirtyAcl());
 }
 
@@ -198,22 +156,20 @@ TEST_F(SchedulingTest, SweepReplacesTheWatcherOfAReplacedInterfaceStatus) {
   EXPECT_EQ(sm.l3IntfStatusAclSm(idOf("Ethernet1"))->l3IntfStatus(), second);
 }
 
-TEST_F(SchedulingTest, SweepOverMatchingCollectionsSchedulesNothing) {
-  intf("Ethernet1", "red");
-  link("Ethernet1", 1);
-  CpAclSm& sm = start();
-  sm.handleLinkStatus();
-  sm.handleL3IntfStatus();
-  EXPECT_FALSE(sm.dirtyAcl());
-  EXPECT_EQ(sm.linkStatusAclSms().size(), 1u);
-  EXPECT_EQ(sm.l3IntfStatusAclSms().size(), 1u);
-}
-
-TEST_F(SchedulingTest, SweepOverAnEmptyCollectionRemovesEveryWatcherQuietly) {
+TEST_F(SchedulingTest, SweepsAndRemovalsThatChangeNoWatcherArmNothing) {
   intf("Ethernet1", "red");
   link("Ethernet1", 1);
   link("Ethernet2", 1);
   CpAclSm& sm = start();
+  sm.handleLinkStatus();
+  sm.handleL3IntfStatus();
+  sm.handleLinkStatus(keyOf("Ethernet9"));  // never watched
+  sm.handleL3IntfStatus(idOf("Ethernet9"));
+  EXPECT_FALSE(sm.dirtyAcl());
+  EXPECT_EQ(sm.linkStatusAclSms().size(), 2u);
+  EXPECT_EQ(sm.l3IntfStatusAclSms().size(), 1u);
+
+  // Over emptied collections, every watcher goes, quietly.
   unseen([&] {
     status_->linkStatusDel(keyOf("Ethernet1"));
     status_->linkStatusDel(keyOf("Ethernet2"));
@@ -228,7 +184,7 @@ TEST_F(SchedulingTest, SweepOverAnEmptyCollectionRemovesEveryWatcherQuietly) {
 
 // --- the collection operations ------------------------------------------------------------
 
-TEST_F(SchedulingTest, WatcherOfAnEntityIsCreatedOnceAndArmsOnce) {
+TEST_F(SchedulingTest, WatcherIsCreatedOnceArmsOnceAndIsRemovedQuietly) {
   CpAclSm& sm = start();
   Zov::Ptr<LinkStatus> a(new LinkStatus(keyOf("A"), 0));
   auto first = sm.linkStatusAclSmIs(a);
@@ -238,17 +194,13 @@ TEST_F(SchedulingTest, WatcherOfAnEntityIsCreatedOnceAndArmsOnce) {
   settle();
   EXPECT_EQ(sm.linkStatusAclSmIs(a), first);
   EXPECT_FALSE(sm.dirtyAcl()) << "a held watcher is returned without a call";
-}
 
-TEST_F(SchedulingTest, RemovalHandsTheWatcherOutOnceAndCallsNothing) {
-  CpAclSm& sm = start();
-  Zov::Ptr<LinkStatus> a(new LinkStatus(keyOf("A"), 0));
-  auto watcher = sm.linkStatusAclSmIs(a);
+  // Removal hands the watcher out once and calls nothing.
   sm.linkStatusAclSmIs(Zov::Ptr<LinkStatus>(new LinkStatus(keyOf("B"), 0)));
   sm.l3IntfStatusAclSmIs(intf("C", "red"));
   settle();
-  EXPECT_EQ(sm.linkStatusAclSmDel(keyOf("A")), watcher);
-  EXPECT_TRUE(watcher->initialized());
+  EXPECT_EQ(sm.linkStatusAclSmDel(keyOf("A")), first);
+  EXPECT_TRUE(first->initialized());
   EXPECT_FALSE(sm.linkStatusAclSmDel(keyOf("A")));
   sm.linkStatusAclSmDelAll();
   sm.l3IntfStatusAclSmDelAll();
@@ -263,11 +215,6 @@ TEST_F(SchedulingTest, NoEntityGetsNoWatcher) {
   EXPECT_THROW(sm.l3IntfStatusAclSmIs(nullptr), Zov::NullPointerException);
   EXPECT_TRUE(sm.linkStatusAclSms().empty());
   EXPECT_TRUE(sm.l3IntfStatusAclSms().empty());
-
-  // Built directly, a watcher of nothing has no reactor and the empty key.
-  Zov::Ptr<LinkStatusAclSm> bare = linkStatusAclSmFactory(nullptr, &sm);
-  EXPECT_FALSE(bare->linkStatus());
-  EXPECT_EQ(bare->intfKey(), (IntfKey{Dovix::IntfId(), 0}));
 }
 
 // --- traces -------------------------------------------------------------------------------

@@ -3,18 +3,10 @@
 #include <algorithm>
 #include <sstream>
 
+#include "agent/Overloaded.h"
 #include "agent/PluginView.h"
 
 namespace AclAgent {
-
-namespace {
-template <class... Visit>
-struct Overloaded : Visit... {
-  using Visit::operator()...;
-};
-template <class... Visit>
-Overloaded(Visit...) -> Overloaded<Visit...>;
-}  // namespace
 
 std::string commandErrorText(const std::exception& e) {
   std::string text = e.what();

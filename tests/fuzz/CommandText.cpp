@@ -1,18 +1,12 @@
 #include "CommandText.h"
 
+#include "agent/Overloaded.h"
 #include "agent/Text.h"
 
 namespace AclAgentFuzz {
 namespace {
 
 using namespace AclAgent;
-
-template <class... Visit>
-struct Overloaded : Visit... {
-  using Visit::operator()...;
-};
-template <class... Visit>
-Overloaded(Visit...) -> Overloaded<Visit...>;
 
 std::string linkText(const LinkName& link) {
   std::string text = quoteName(link.intf);

@@ -1,18 +1,12 @@
 #include "PublishedModel.h"
 
+#include "agent/Overloaded.h"
 #include "agent/Text.h"
 
 namespace AclAgentFuzz {
 namespace {
 
 using namespace AclAgent;
-
-template <class... Visit>
-struct Overloaded : Visit... {
-  using Visit::operator()...;
-};
-template <class... Visit>
-Overloaded(Visit...) -> Overloaded<Visit...>;
 
 constexpr std::size_t kMaxVrfName = 100;
 const std::string kDefaultVrf = "default";

@@ -171,14 +171,20 @@ std::string watchersText() {
       forEachCollection(*sm, [&](const Zov::AttributeInfo& collection) {
         for (const Zov::GenericValue& member : Zov::genericIfMembers(*sm, collection.id)) {
           auto watcher = member.asReference<const Zov::PtrInterface>();
-          std::string line = "watcher " + std::string(collection.name);
+          // Appended piece by piece: GCC 12 at -O3 warns wrongly on chains of +.
+          std::string line = "watcher ";
+          line += collection.name;
           for (const Zov::AttributeInfo& attribute : Zov::genericIfType(*watcher).attributes) {
             if (attribute.kind != Zov::AttributeKind::kValue || !attribute.access.read) continue;
             const Zov::GenericValue value = Zov::genericIfAttribute(*watcher, attribute.id);
             if (value.type() == Zov::GenericValue::Type::kReference) continue;
-            line += " " + std::string(attribute.name) + "=" + value.str();
+            line += ' ';
+            line += attribute.name;
+            line += '=';
+            line += value.str();
           }
-          lines.push_back(line + "\n");
+          line += '\n';
+          lines.push_back(std::move(line));
         }
       });
     }

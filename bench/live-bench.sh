@@ -1,0 +1,211 @@
+#!/usr/bin/env bash
+# Measures acl-agent --live against the real kernel: how long after a link
+# goes down its rule is gone from the namespace's table (against 10 ms of
+# refresh delay plus one iptables-restore), how long start-up takes with
+# 1,000 interfaces over 16 namespaces, and the resident memory with 16k
+# interfaces against the scripted agent holding the same state.
+#
+#   bench/live-bench.sh                   # build preset "release", run everything
+#   TRIES=100 bench/live-bench.sh         # more link flaps for the latency (50 by default)
+#   STARTS=9 bench/live-bench.sh          # more start-ups (5 by default)
+#
+# Needs root. It runs in a private mount and network namespace with its own
+# /run and makes its namespaces and interfaces there, so it never
+# touches the machine's own namespaces or rules; it exits 77 with the reason
+# where that cannot be had.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+tries=${TRIES:-50}
+starts=${STARTS:-5}
+agent=build/release/agent/acl-agent
+
+if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
+  [ "$(id -u)" = 0 ] || { echo "skipped: needs root for network namespaces and iptables"; exit 77; }
+  set -e
+  scripts/install-deps.sh
+  cmake --preset release > /dev/null
+  cmake --build --preset release --target acl-agent McastDnsAclPlugin
+  set +e
+  for tool in unshare ip iptables iptables-restore iptables-save; do
+    command -v "$tool" > /dev/null || { echo "skipped: $tool is not installed"; exit 77; }
+  done
+  unshare -m -n true 2> /dev/null || { echo "skipped: cannot make private namespaces here"; exit 77; }
+  echo "machine:  $(nproc) cores, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)"
+  echo "kernel:   $(uname -r), $(iptables-restore --version 2>&1 | head -n 1)"
+  echo "load:     $(cut -d ' ' -f 1-3 /proc/loadavg)"
+fi
+# The tests' private namespaces and agent driver: `start_agent`, `ask`, `signal_agent`.
+source tests/agent/kernel-test-lib.sh
+enter_private_namespace "$0" "$@"
+
+# Median and maximum of numbers, one a line.
+median_max() {
+  sort -n | awk '{ v[NR] = $1 } END { printf "median %.1f, worst %.1f (of %d)", v[int((NR + 1) / 2)], v[NR], NR }'
+}
+# VmRSS of the agent itself (the coprocess is a subshell around it).
+agent_rss() {
+  local pid
+  for pid in $(cat "/proc/$agent_pid/task/$agent_pid/children" 2> /dev/null) "$agent_pid"; do
+    if [ "$(cat "/proc/$pid/comm" 2> /dev/null)" = acl-agent ]; then
+      sed -n 's/^VmRSS:[[:space:]]*//p' "/proc/$pid/status"
+      return
+    fi
+  done
+}
+# Namespaces PREFIX1..PREFIXn, each with COUNT interfaces dK that are up and
+# multicast-capable, so that every one is a link that wants the rule (ifb
+# devices: the kernels this runs on may have no dummy driver).
+make_namespaces() {
+  local prefix=$1 n=$2 count=$3 i k
+  for i in $(seq "$n"); do echo "netns add $prefix$i"; done | ip -batch - || exit 1
+  for i in $(seq "$n"); do
+    for k in $(seq "$count"); do
+      echo "link add d$k type ifb"
+      echo "link set d$k multicast on up"
+    done | ip -n "$prefix$i" -batch - || exit 1
+  done
+}
+delete_namespaces() {
+  local prefix=$1 n=$2 i
+  for i in $(seq "$n"); do echo "netns delete $prefix$i"; done | ip -batch -
+}
+await_ready() {
+  local first
+  IFS= read -r -t 120 -u "${AGENT[0]}" first
+  [ "$first" = ready ] || { echo "the agent did not say ready: $first $(cat "$work/agent.err")"; exit 1; }
+}
+
+# --- 1. a link down to its rule gone from the kernel
+make_namespaces lat 1 1
+start_agent --live --apply --resync 3600
+await_ready
+# Run inside the namespace, so that neither the flap nor the polls pay for
+# entering it. A poll is one `iptables -S` (the resolution of the figure).
+ip netns exec lat1 bash -c '
+  has_rule() { iptables -S | grep -q -- "--dport 5353"; }
+  for _ in $(seq 5000); do has_rule && break; sleep 0.001; done
+  has_rule || { echo "the rule never appeared" >&2; exit 1; }
+  iptables-save -t filter > "$1/up"
+  for try in $(seq "$2"); do
+    sleep 0.05
+    start=$EPOCHREALTIME polls=0
+    ip link set d1 down
+    while has_rule; do polls=$((polls + 1)); sleep 0.001; done
+    end=$EPOCHREALTIME
+    echo "${start/./} ${end/./} $polls" >> "$1/latency"
+    [ "$try" = 1 ] && iptables-save -t filter > "$1/down"
+    ip link set d1 up
+    for _ in $(seq 5000); do has_rule && break; sleep 0.001; done
+    has_rule || { echo "the rule did not come back" >&2; exit 1; }
+  done
+  # One poll on its own, for the resolution.
+  for _ in $(seq 20); do
+    start=$EPOCHREALTIME; has_rule; end=$EPOCHREALTIME; echo "${start/./} ${end/./}" >> "$1/poll"
+  done
+' _ "$work" "$tries" || exit 1
+signal_agent TERM
+delete_namespaces lat 1
+
+# The floor: the one iptables-restore that takes the rule away, in a
+# namespace of its own holding the same rules, timed directly.
+ip netns add floor
+ip netns exec floor bash -c '
+  for _ in $(seq 20); do
+    iptables-restore < "$1/up"
+    start=$EPOCHREALTIME
+    iptables-restore < "$1/down"
+    end=$EPOCHREALTIME
+    echo "${start/./} ${end/./}" >> "$1/restore"
+    start=$EPOCHREALTIME
+    iptables-save > /dev/null
+    end=$EPOCHREALTIME
+    echo "${start/./} ${end/./}" >> "$1/save"
+  done
+  # The command that starts a try, on a link that wants nothing.
+  ip link add d1 type ifb && ip link set d1 multicast on up
+  for _ in $(seq 20); do
+    start=$EPOCHREALTIME
+    ip link set d1 down
+    end=$EPOCHREALTIME
+    echo "${start/./} ${end/./}" >> "$1/flap"
+    ip link set d1 up
+  done
+' _ "$work"
+ip netns delete floor
+
+ms() { awk '{ print ($2 - $1) / 1000 }' "$1"; }
+restore_median=$(ms "$work/restore" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }')
+echo
+echo "1. link down to rule gone from the kernel, ms"
+echo "  live agent:            $(ms "$work/latency" | median_max)"
+echo "  one iptables-restore:  $(ms "$work/restore" | median_max)"
+echo "  floor (10 ms + that):  $(awk -v r="$restore_median" 'BEGIN { printf "%.1f", 10 + r }')"
+echo "  one iptables-save:     $(ms "$work/save" | median_max)"
+echo "  one ip link set down:  $(ms "$work/flap" | median_max)"
+echo "  one poll (resolution): $(ms "$work/poll" | median_max)"
+echo "  polls per try:         $(awk '{ print $3 }' "$work/latency" | median_max)"
+
+# --- 2. start-up with 1,000 interfaces over 16 namespaces
+# 8 namespaces of 63 interfaces and 8 of 62.
+for i in $(seq 16); do echo "netns add s$i"; done | ip -batch - || exit 1
+for i in $(seq 16); do
+  count=$((i <= 8 ? 63 : 62))
+  for k in $(seq "$count"); do
+    echo "link add d$k type ifb"
+    echo "link set d$k multicast on up"
+  done | ip -n "s$i" -batch - || exit 1
+done
+echo
+echo "2. start-up, 1,000 interfaces over 16 namespaces, ms from start to ready"
+for run in $(seq "$starts"); do
+  # From nothing: no chain or jump of the agent's in any namespace.
+  "$agent" --remove-applied > /dev/null 2>&1
+  start=$EPOCHREALTIME
+  start_agent --live --apply --resync 3600
+  await_ready
+  end=$EPOCHREALTIME
+  echo "$(((${end/./} - ${start/./}) / 1000))" >> "$work/startup"
+  ask "show applied"
+  placed=$(grep -c 'rules=1 writes=1' "$work/answer")
+  signal_agent TERM
+  echo "  run $run: $(tail -n 1 "$work/startup") ms (VRFs with their rule written at ready: $placed of 16)"
+done
+echo "  $(median_max < "$work/startup")"
+delete_namespaces s 16
+
+# --- 3. resident memory with 16k interfaces: 16 namespaces of 1,024 interfaces
+make_namespaces m 16 1024
+echo
+echo "3. resident memory, 16,384 interfaces over 16 namespaces, every link up"
+for args in "--live" "--live --apply"; do
+  "$agent" --remove-applied > /dev/null 2>&1
+  # shellcheck disable=SC2086
+  start_agent $args --resync 3600
+  await_ready
+  ask "show state"
+  links=$(grep -c '^link set' "$work/answer")
+  echo "  acl-agent $args: $(agent_rss) ($links links in the state database)"
+  signal_agent TERM
+done
+# The scripted agent holding the same state.
+{
+  for i in $(seq 16); do
+    echo "vrf add global m$i"
+    for k in $(seq 1024); do
+      echo "intf set \"m$i/d$k\" m$i"
+      echo "link set \"m$i/d$k\" 1"
+    done
+  done
+} > "$work/setup"
+for args in "-i" "-i --apply"; do
+  "$agent" --remove-applied > /dev/null 2>&1
+  # shellcheck disable=SC2086
+  start_agent $args --resync 3600
+  mapfile -t setup < "$work/setup"
+  ask "${setup[@]}" "load" "settle"
+  ask "show state"
+  links=$(grep -c '^link set' "$work/answer")
+  echo "  acl-agent $args: $(agent_rss) ($links links in the state database)"
+  stop_agent
+done
+delete_namespaces m 16

@@ -77,6 +77,14 @@ printf 'load\nsettle\n' | "$agent" >&- 2> "$work/err"
 echo $? > "$work/status"
 expect output-closed-unused 0 "" ""
 
+# -i runs standard input line by line even from a pipe: a line that does not
+# parse is reported and the session goes on. --live reads no scenario file.
+printf 'echo one\nlnk\necho two\n' | run -i
+expect interactive-goes-on 0 "$(printf 'one\ntwo')" '-:2: error: unknown command "lnk"'
+run --live "$scenario"
+expect live-takes-no-file 2 "" "acl-agent: --live reads its commands from standard input, not from \"$scenario\"
+usage: acl-agent [OPTIONS] [SCENARIO ...] (--help lists them)"
+
 # Trace options: a bad level list is a usage error; a handle that nothing
 # made is reported when the run ends.
 run --trace McastDnsAclPlugin/0, "$scenario"
@@ -85,7 +93,7 @@ usage: acl-agent [OPTIONS] [SCENARIO ...] (--help lists them)'
 
 # --help lists every option, on standard output, and exits 0.
 run --help
-for option in --plugin --trace --realtime --help --version; do
+for option in --plugin --trace --realtime --apply --netns --resync --live --help --version; do
   if ! grep -q -- "^  $option" "$work/out" || [ "$(cat "$work/status")" != 0 ]; then
     echo "FAIL help: $option is not listed"
     failures=$((failures + 1))

@@ -87,51 +87,115 @@ void PtrInterface::handleZeroRef() const noexcept {
 
 // --- notifiee lists -------------------------------------------------------------
 
+// Two or more notifiees. Slots of notifiees removed while a visit is running
+// are nulled and compacted when the outermost visit ends.
+struct NotifieeList::Block {
+  std::vector<PtrInterface*> entries;
+  std::uint32_t visiting = 0;
+  bool hasHoles = false;
+};
+
 NotifieeList::~NotifieeList() {
   // A registered reactor holds its notifier, so a notifier can only die with
   // reactors in its list when someone destroyed it past its count; they would
   // then hold a freed object.
-  ZOV_DCHECK(visiting_ == 0, "a notifier was destroyed while its notifiee list was being visited");
+  ZOV_DCHECK(!visiting(), "a notifier was destroyed while its notifiee list was being visited");
   ZOV_DCHECK(empty(), "a notifier was destroyed with notifiees still in its list");
+  delete block();
+}
+
+bool NotifieeList::visiting() const {
+  if (Block* b = block()) return b->visiting != 0;
+  return (word_ & kVisiting) != 0;
 }
 
 std::size_t NotifieeList::size() const {
-  return static_cast<std::size_t>(
-      std::count_if(entries_.begin(), entries_.end(), [](auto* n) { return n != nullptr; }));
+  if (Block* b = block()) {
+    return static_cast<std::size_t>(
+        std::count_if(b->entries.begin(), b->entries.end(), [](auto* n) { return n != nullptr; }));
+  }
+  return single() ? 1 : 0;
 }
 
 void NotifieeList::add(PtrInterface* notifiee) {
-  entries_.push_back(notifiee);
+  if (Block* b = block()) {
+    b->entries.push_back(notifiee);
+    return;
+  }
+  PtrInterface* one = single();
+  if (!one) {
+    word_ = reinterpret_cast<std::uintptr_t>(notifiee) | (word_ & kVisiting);
+    return;
+  }
+  // A second notifiee: the list moves into a block, which takes over the
+  // running visit, if any.
+  auto* b = new Block{{one, notifiee}, (word_ & kVisiting) ? 1u : 0u, false};
+  word_ = reinterpret_cast<std::uintptr_t>(b) | kBlock;
 }
 
 void NotifieeList::remove(PtrInterface* notifiee) {
-  auto it = std::find(entries_.begin(), entries_.end(), notifiee);
-  if (it == entries_.end()) return;
-  if (visiting_ != 0) {
+  Block* b = block();
+  if (!b) {
+    if (single() == notifiee) word_ &= kVisiting;
+    return;
+  }
+  auto it = std::find(b->entries.begin(), b->entries.end(), notifiee);
+  if (it == b->entries.end()) return;
+  if (b->visiting != 0) {
     *it = nullptr;
-    hasHoles_ = true;
-  } else {
-    entries_.erase(it);
+    b->hasHoles = true;
+    return;
+  }
+  b->entries.erase(it);
+  if (b->entries.size() == 1) {
+    word_ = reinterpret_cast<std::uintptr_t>(b->entries.front());
+    delete b;
   }
 }
 
-void NotifieeList::visit(AttributeId id, const void* key) const {
-  ++visiting_;
+void NotifieeList::visitSome(AttributeId id, const void* key) const {
+  if (Block* b = block()) {
+    ++b->visiting;
+    struct EndVisit {
+      const NotifieeList& list;
+      ~EndVisit() { list.endVisit(); }
+    } end{*this};
+    // Entries added during the visit are past `end` and wait for the next
+    // one. The block stays while the visit runs.
+    const std::size_t count = b->entries.size();
+    for (std::size_t i = 0; i < count; ++i) {
+      auto* notifiee = static_cast<PtrInterface::NotifieeConst*>(b->entries[i]);
+      if (notifiee && notifiee->hasNotificationActive()) notifiee->onAttribute(id, key);
+    }
+    return;
+  }
+  auto* notifiee = static_cast<PtrInterface::NotifieeConst*>(single());
+  // The outermost visit marks the list; a notifiee added meanwhile moves it
+  // into a block that counts this visit as running.
+  const bool owner = (word_ & kVisiting) == 0;
+  word_ |= kVisiting;
   struct EndVisit {
     const NotifieeList& list;
+    bool owner;
     ~EndVisit() {
-      if (--list.visiting_ == 0 && list.hasHoles_) {
-        std::erase(list.entries_, nullptr);
-        list.hasHoles_ = false;
-      }
+      if (owner) list.endVisit();
     }
-  } endVisit{*this};
-  // Entries added during the visit are past `end` and wait for the next one.
-  const std::size_t end = entries_.size();
-  for (std::size_t i = 0; i < end; ++i) {
-    auto* notifiee = static_cast<PtrInterface::NotifieeConst*>(entries_[i]);
-    if (notifiee && notifiee->hasNotificationActive()) notifiee->onAttribute(id, key);
+  } end{*this, owner};
+  if (notifiee && notifiee->hasNotificationActive()) notifiee->onAttribute(id, key);
+}
+
+void NotifieeList::endVisit() const {
+  Block* b = block();
+  if (!b) {
+    word_ &= ~kVisiting;
+    return;
   }
+  if (--b->visiting != 0 || !b->hasHoles) return;
+  std::erase(b->entries, nullptr);
+  b->hasHoles = false;
+  if (b->entries.size() > 1) return;
+  word_ = b->entries.empty() ? 0 : reinterpret_cast<std::uintptr_t>(b->entries.front());
+  delete b;
 }
 
 PtrInterface::NotifieeConst::~NotifieeConst() {

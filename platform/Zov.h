@@ -208,6 +208,11 @@ Ptr<T> ptrCast(const Ptr<U>& p) noexcept {
 // destroyed while the list is being visited: a notifiee removed during a visit
 // is not called afterwards; one added during a visit is first called by the
 // next visit.
+//
+// Most objects are watched by nobody and most watched objects by one reactor,
+// so the list is one word: empty, the one notifiee itself, or a block on the
+// heap that holds two or more. A list costs nothing more until a second
+// notifiee registers.
 class NotifieeList {
  public:
   NotifieeList() = default;
@@ -219,21 +224,33 @@ class NotifieeList {
   // notification is active, in registration order. `key` points to the key of
   // the changed entry for a keyed-collection attribute, and is null otherwise.
   // REQUIRES: the caller holds a reference to the notifier for the whole visit.
-  void visit(AttributeId id, const void* key = nullptr) const;
+  void visit(AttributeId id, const void* key = nullptr) const {
+    if (word_ != 0) visitSome(id, key);
+  }
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
 
  private:
   friend class PtrInterface;
+  struct Block;
+  // The low bits of the word: the rest points to a `Block`, or else to the one
+  // notifiee (or to none); a visit of a list without a block is running.
+  static constexpr std::uintptr_t kBlock = 1;
+  static constexpr std::uintptr_t kVisiting = 2;
+  static constexpr std::uintptr_t kBits = kBlock | kVisiting;
+
   void add(PtrInterface* notifiee);
   void remove(PtrInterface* notifiee);
+  void visitSome(AttributeId id, const void* key) const;
+  void endVisit() const;
+  Block* block() const {
+    return (word_ & kBlock) ? reinterpret_cast<Block*>(word_ & ~kBits) : nullptr;
+  }
+  PtrInterface* single() const { return reinterpret_cast<PtrInterface*>(word_ & ~kBits); }
+  bool visiting() const;
 
-  // Slots of removed notifiees are nulled while a visit is running and
-  // compacted when the outermost visit ends.
-  mutable std::vector<PtrInterface*> entries_;
-  mutable std::uint32_t visiting_ = 0;
-  mutable bool hasHoles_ = false;
+  mutable std::uintptr_t word_ = 0;
 };
 
 // The base of every object that is shared: entities, reactors, state machines,
@@ -294,10 +311,12 @@ class PtrInterface {
   void handleZeroRef() const noexcept;
 
  private:
+  // Ordered so that the object is 24 bytes and a derived class may place up
+  // to two bytes of its own in the last word.
+  mutable NotifieeList notifiees_;
   mutable std::atomic<std::uint32_t> refs_{0};
   bool notificationActive_ = false;
   bool markedForDeletion_ = false;
-  mutable NotifieeList notifiees_;
 };
 
 // A notifiee ("reactor"): attached to one notifier, whose notifications reach
@@ -326,9 +345,10 @@ class PtrInterface::NotifieeConst : public PtrInterface {
   void link();
   void unlink();
 
-  Ptr<const PtrInterface> notifier_;
+  // The flags first: they fit in the base's last word.
   bool registered_ = false;
   bool linked_ = false;
+  Ptr<const PtrInterface> notifier_;
 };
 
 // ---------------------------------------------------------------------------

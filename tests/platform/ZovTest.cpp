@@ -148,6 +148,44 @@ TEST_F(NotifyTest, ListChangesDuringAVisit) {
   late = nullptr;
 }
 
+// A list of one notifiee keeps it in place of a block; the block appears with
+// the second and goes when one is left. The visit rules hold across both.
+TEST_F(NotifyTest, ListOfOneChangesDuringAVisit) {
+  Zov::Ptr<Listener> second;
+  Zov::Ptr<Listener> third;
+  auto only = listen([&](Zov::AttributeId id, const void*) {
+    if (id == 600) {
+      // Added inside a visit of one: heard from the next visit on, the nested
+      // one included, while the list still counts the outer one as running.
+      second = Listener::listenerIs(thing_.ptr());
+      visit(601);
+      third = Listener::listenerIs(thing_.ptr());
+      listeners_.front()->isRegisteredNotifieeIs(false);
+    }
+  });
+  visit(600);
+  EXPECT_THAT(only->ids_, ElementsAre(600, 601));
+  EXPECT_THAT(second->ids_, ElementsAre(601));
+  EXPECT_TRUE(third->ids_.empty());
+  EXPECT_EQ(thing_->notifieeList()->size(), 2u);
+
+  visit(602);
+  EXPECT_THAT(second->ids_, ElementsAre(601, 602));
+  EXPECT_THAT(third->ids_, ElementsAre(602));
+  third = nullptr;
+  visit(603);
+  EXPECT_THAT(second->ids_, ElementsAre(601, 602, 603));
+  EXPECT_EQ(thing_->notifieeList()->size(), 1u);
+
+  // The one left leaves during its own visit; a later visit calls nobody.
+  second->hook_ = [&](Zov::AttributeId, const void*) { second->isRegisteredNotifieeIs(false); };
+  visit(604);
+  EXPECT_TRUE(thing_->notifieeList()->empty());
+  visit(605);
+  EXPECT_THAT(second->ids_, ElementsAre(601, 602, 603, 604));
+  second = nullptr;
+}
+
 TEST_F(NotifyTest, NotifierIsKeepsTheNotifierAliveAndMovesRegistration) {
   Zov::Ptr<Thing> other(new Thing("other"));
   auto listener = Listener::listenerIs(other.ptr());

@@ -1,6 +1,8 @@
 // Reference implementation of the object framework's out-of-line parts.
 #include "platform/Zov.h"
 
+#include "platform/ZovPool.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -71,6 +73,46 @@ void throwMutatorReinstantiating(FwkType type, AttributeId id, const PtrInterfac
 
 PtrInterface::~PtrInterface() = default;
 
+// Small objects come from the process's slab pool. Under AddressSanitizer
+// every object is a heap block of its own instead, so that a use after free
+// or a leak of one is reported; the pool's own tests run there too.
+#if defined(__SANITIZE_ADDRESS__)
+#define ZOV_POOLED 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZOV_POOLED 0
+#endif
+#endif
+#ifndef ZOV_POOLED
+#define ZOV_POOLED 1
+#endif
+
+#if ZOV_POOLED
+namespace {
+SlabPool& pool() {
+  static SlabPool* const processPool = new SlabPool;  // never destroyed: objects may outlive exit
+  return *processPool;
+}
+std::mutex poolMutex;
+}  // namespace
+
+void* PtrInterface::zovMemAlloc(std::size_t size) {
+  if (VFPtrInterface::threadSafePointers_) {
+    std::lock_guard<std::mutex> lock(poolMutex);
+    return pool().allocate(size);
+  }
+  return pool().allocate(size);
+}
+
+void PtrInterface::zovMemFree(void* p, std::size_t size) noexcept {
+  if (VFPtrInterface::threadSafePointers_) {
+    std::lock_guard<std::mutex> lock(poolMutex);
+    pool().deallocate(p, size);
+    return;
+  }
+  pool().deallocate(p, size);
+}
+#else
 void* PtrInterface::zovMemAlloc(std::size_t size) {
   return ::operator new(size);
 }
@@ -78,6 +120,7 @@ void* PtrInterface::zovMemAlloc(std::size_t size) {
 void PtrInterface::zovMemFree(void* p, std::size_t size) noexcept {
   ::operator delete(p, size);
 }
+#endif
 
 void PtrInterface::handleZeroRef() const noexcept {
   auto* self = const_cast<PtrInterface*>(this);

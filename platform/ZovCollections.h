@@ -15,7 +15,9 @@
 // bucket. Walks visit members in bucket order, which carries no meaning.
 #pragma once
 
+#include <iterator>
 #include <unordered_map>
+#include <vector>
 
 namespace Zov {
 
@@ -153,44 +155,197 @@ class HashMapGeneric {
   mutable std::uint32_t walks_ = 0;
 };
 
+namespace Impl {
+// A flat index from key to entry beside a hash map that owns the entries: the
+// key and the entry's address in one slot, found by linear probing from the
+// key's mixed hash, so that a lookup touches one slot and then the entry.
+// Removed keys leave a marker until the next rebuild.
+template <class Key, class Entry, class Hash>
+class FlatIndex {
+ public:
+  // The entry held under `key`, or null when the index does not hold `key`.
+  Entry* const* find(const Key& key) const {
+    const std::size_t i = slotOf(key);
+    return i == kAbsent ? nullptr : &slots_[i].entry;
+  }
+  // Holds `entry` under `key`, which the index does not hold yet.
+  void insert(const Key& key, Entry* entry) {
+    if ((size_ + removed_ + 1) * 4 > state_.size() * 3) rebuild(size_ + 1);
+    std::size_t i = home(key);
+    while (state_[i] == kFull) i = next(i);
+    if (state_[i] == kRemoved) --removed_;
+    slots_[i] = Slot{key, entry};
+    state_[i] = kFull;
+    ++size_;
+  }
+  void update(const Key& key, Entry* entry) { slots_[slotOf(key)].entry = entry; }
+  void remove(const Key& key) {
+    const std::size_t i = slotOf(key);
+    if (i == kAbsent) return;
+    slots_[i] = Slot{};
+    state_[i] = kRemoved;
+    --size_;
+    ++removed_;
+  }
+  void clear() {
+    std::vector<Slot>().swap(slots_);
+    std::vector<std::uint8_t>().swap(state_);
+    size_ = removed_ = 0;
+  }
+
+ private:
+  enum : std::uint8_t { kEmpty, kFull, kRemoved };
+  static constexpr std::size_t kAbsent = ~std::size_t{0};
+  struct Slot {
+    Key key{};
+    Entry* entry = nullptr;
+  };
+
+  std::size_t slotOf(const Key& key) const {
+    if (size_ == 0) return kAbsent;
+    for (std::size_t i = home(key);; i = next(i)) {
+      if (state_[i] == kEmpty) return kAbsent;
+      if (state_[i] == kFull && slots_[i].key == key) return i;
+    }
+  }
+
+  std::size_t home(const Key& key) const {
+    return HashHelper::rehash(Hash()(key)) & (state_.size() - 1);
+  }
+  std::size_t next(std::size_t i) const { return (i + 1) & (state_.size() - 1); }
+  void rebuild(std::size_t count) {
+    std::size_t capacity = 8;
+    while (count * 4 > capacity * 3) capacity <<= 1;
+    std::vector<Slot> oldSlots(capacity);
+    std::vector<std::uint8_t> oldState(capacity, kEmpty);
+    oldSlots.swap(slots_);
+    oldState.swap(state_);
+    size_ = removed_ = 0;
+    for (std::size_t i = 0; i < oldState.size(); ++i) {
+      if (oldState[i] == kFull) insert(oldSlots[i].key, oldSlots[i].entry);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::vector<std::uint8_t> state_;
+  std::size_t size_ = 0;
+  std::size_t removed_ = 0;
+};
+}  // namespace Impl
+
 // The collection of a published entity: at most one counted entry per key.
 // Mutators report whether anything changed, so that the owner announces only
 // real changes. Lookups and walks do not change the collection; a walk may
 // remove the entry it is at through `erase(iterator)`.
+//
+// A walk fetches each entry into the cache a few entries before it reaches it,
+// so that a reader of every entry (the refresh, over every link) does not wait
+// on each one in turn; the order of a walk is the hash map's own.
 template <class Key, class Entry, class Hash>
 class HashMap2018Generic {
   using Map = std::unordered_map<Key, Ptr<Entry>, Hash>;
+  // How many entries ahead of the one it is at a walk fetches.
+  static constexpr int kFetchAhead = 6;
 
  public:
-  using const_iterator = typename Map::const_iterator;
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = typename Map::value_type;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const value_type*;
+    using reference = const value_type&;
+
+    const_iterator() = default;
+    reference operator*() const { return *at_; }
+    pointer operator->() const { return &*at_; }
+    const_iterator& operator++() {
+      ++at_;
+      fetchNext();
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator before = *this;
+      ++*this;
+      return before;
+    }
+    friend bool operator==(const const_iterator& a, const const_iterator& b) {
+      return a.at_ == b.at_;
+    }
+
+   private:
+    friend class HashMap2018Generic;
+    const_iterator(typename Map::const_iterator at, typename Map::const_iterator ahead,
+                   typename Map::const_iterator end)
+        : at_(at), ahead_(ahead), end_(end) {}
+    void fetchNext() {
+      if (ahead_ == end_) return;
+      if (const Entry* entry = ahead_->second.ptr()) {
+        __builtin_prefetch(entry);
+        __builtin_prefetch(reinterpret_cast<const char*>(entry) + sizeof(Entry) - 1);
+      }
+      ++ahead_;
+    }
+
+    typename Map::const_iterator at_;
+    typename Map::const_iterator ahead_;
+    typename Map::const_iterator end_;
+  };
 
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
-  const_iterator begin() const { return map_.begin(); }
-  const_iterator end() const { return map_.end(); }
+  const_iterator begin() const {
+    const_iterator it(map_.begin(), map_.begin(), map_.end());
+    for (int i = 0; i <= kFetchAhead; ++i) it.fetchNext();
+    return it;
+  }
+  const_iterator end() const { return const_iterator(map_.end(), map_.end(), map_.end()); }
 
   // The entry under `key`, or null.
   Entry* lookup(const Key& key) const {
-    auto it = map_.find(key);
-    return it == map_.end() ? nullptr : it->second.ptr();
+    Entry* const* slot = index_.find(key);
+    return slot ? *slot : nullptr;
   }
-  bool contains(const Key& key) const { return map_.count(key) != 0; }
+  bool contains(const Key& key) const { return index_.find(key) != nullptr; }
 
   // Puts `entry` under `key`; false when that very entry was already there.
   bool entryIs(const Key& key, const Ptr<Entry>& entry) {
     auto [it, inserted] = map_.try_emplace(key, entry);
-    if (inserted) return true;
+    if (inserted) {
+      try {
+        index_.insert(key, entry.ptr());
+      } catch (...) {
+        map_.erase(it);
+        throw;
+      }
+      return true;
+    }
     if (it->second == entry) return false;
     it->second = entry;
+    index_.update(key, entry.ptr());
     return true;
   }
   // Removes the entry under `key`; false when there was none.
-  bool entryDel(const Key& key) { return map_.erase(key) != 0; }
-  const_iterator erase(const_iterator it) { return map_.erase(it); }
-  void clear() { map_.clear(); }
+  bool entryDel(const Key& key) {
+    if (map_.erase(key) == 0) return false;
+    index_.remove(key);
+    return true;
+  }
+  const_iterator erase(const_iterator it) {
+    index_.remove(it.at_->first);
+    // Only the entry erased goes; the one fetched ahead stays valid.
+    return const_iterator(map_.erase(it.at_), it.ahead_, it.end_);
+  }
+  void clear() {
+    map_.clear();
+    index_.clear();
+  }
 
  private:
+  // Walks go through the map, whose order they keep; lookups through the
+  // index.
   Map map_;
+  Impl::FlatIndex<Key, Entry, Hash> index_;
 };
 
 }  // namespace Zov

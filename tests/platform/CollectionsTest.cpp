@@ -87,7 +87,10 @@ TEST(HashMap2018GenericTest, MutatorsReportRealChangesAndWalkMayErase) {
     EXPECT_FALSE(entries.entryIs(1, one));
     // Another entry under the same key replaces the first, which is released.
     one = nullptr;
-    EXPECT_TRUE(entries.entryIs(1, Zov::Ptr<Member>(new Member(1))));
+    Zov::Ptr<Member> replacement(new Member(1));
+    EXPECT_TRUE(entries.entryIs(1, replacement));
+    EXPECT_EQ(entries.lookup(1), replacement.ptr());
+    replacement = nullptr;
     EXPECT_EQ(liveMembers(), 1u);
     EXPECT_TRUE(entries.entryDel(1));
     EXPECT_FALSE(entries.entryDel(1));
@@ -99,6 +102,17 @@ TEST(HashMap2018GenericTest, MutatorsReportRealChangesAndWalkMayErase) {
     }
     EXPECT_EQ(walked, 20);
     for (int k = 0; k < 20; ++k) EXPECT_EQ(entries.contains(k), k % 3 != 0) << k;
+
+    // Keys that come and go many times over, with lookups of keys never held.
+    for (int round = 0; round < 50; ++round) {
+      for (int k = 100; k < 130; ++k) entries.entryIs(k, Zov::Ptr<Member>(new Member(k)));
+      for (int k = 100; k < 130; k += 2) EXPECT_TRUE(entries.entryDel(k));
+      for (int k = 101; k < 130; k += 2) ASSERT_EQ(entries.lookup(k)->key_, k);
+      EXPECT_EQ(entries.lookup(100 + 2 * round % 30), nullptr);
+      for (int k = 101; k < 130; k += 2) EXPECT_TRUE(entries.entryDel(k));
+    }
+    EXPECT_EQ(entries.size(), 13u);
+    EXPECT_EQ(entries.lookup(1000), nullptr);
   }
   EXPECT_EQ(liveMembers(), 0u);
 }

@@ -10,9 +10,10 @@
 // directory's entries): key to counted entry. The owning entity announces each
 // change to its notifiees with the entry's key.
 //
-// Layout: power-of-two bucket arrays, grown to keep the load factor at most
-// 1.0; a hash is mixed with `HashHelper::rehash` and its low bits pick the
-// bucket. Walks visit members in bucket order, which carries no meaning.
+// `HashMapGeneric` layout: power-of-two bucket arrays, grown to keep the load
+// factor at most 0.5; a hash is mixed with `HashHelper::rehash` and its low
+// bits pick the bucket. Walks visit members in bucket order, which carries no
+// meaning. `HashMap2018Generic`: see below.
 #pragma once
 
 #include <iterator>
@@ -46,7 +47,17 @@ class HashMapGeneric {
 
   // The member held under `key`, or null.
   Member* find(const Key& key) const {
-    for (Member* m = buckets_[bucketOf(key)].ptr(); m; m = Traits::next(*m).ptr()) {
+    const std::uint64_t hash = mixedHash(key);
+    const Bucket& bucket = buckets_[hash & (buckets_.size() - 1)];
+    Member* m = bucket.head.ptr();
+    if (!m) return nullptr;
+    // A member's key is read through the member, so the head's key is
+    // computed only when the head has the key's mark.
+    if ((bucket.mark & ~kMore) != markOf(hash)) {
+      if (!(bucket.mark & kMore)) return nullptr;
+      m = Traits::next(*m).ptr();
+    }
+    for (; m; m = Traits::next(*m).ptr()) {
       if (Traits::key(*m) == key) return m;
     }
     return nullptr;
@@ -60,20 +71,35 @@ class HashMapGeneric {
     ZOV_DCHECK(walks_ == 0, "a member was inserted during a walk");
     ZOV_DCHECK(!find(Traits::key(*member)), "a member is already held under this key");
     ZOV_DCHECK(!Traits::next(*member), "the member is linked into a collection");
-    if (size_ + 1 > buckets_.size()) grow();
-    Ptr<Member>& head = buckets_[bucketOf(Traits::key(*member))];
-    Traits::next(*member) = std::move(head);
-    head = member;
+    if (2 * (size_ + 1) > buckets_.size()) grow();
+    link(member, mixedHash(Traits::key(*member)));
     ++size_;
+  }
+
+  // Makes room for `count` members without growing again on the way, which
+  // spares the rehashes of a collection filled one member at a time.
+  // REQUIRES: no walk is running.
+  void reserve(std::size_t count) {
+    ZOV_DCHECK(walks_ == 0, "a collection was resized during a walk");
+    if (2 * count > buckets_.size()) rehash(roundUp(2 * count));
   }
 
   // Removes the member held under `key` and returns it, or returns null.
   Ptr<Member> deleteMember(const Key& key) {
-    for (Ptr<Member>* link = &buckets_[bucketOf(key)]; *link; link = &Traits::next(**link)) {
+    Bucket& bucket = buckets_[mixedHash(key) & (buckets_.size() - 1)];
+    for (Ptr<Member>* link = &bucket.head; *link; link = &Traits::next(**link)) {
       if (Traits::key(**link) == key) {
+        const bool wasHead = link == &bucket.head;
         Ptr<Member> removed = std::move(*link);
         *link = std::move(Traits::next(*removed));
         --size_;
+        if (!bucket.head) {
+          bucket.mark = 0;
+        } else if (wasHead) {
+          markHead(bucket, mixedHash(Traits::key(*bucket.head)));
+        } else {
+          bucket.mark = (bucket.mark & ~kMore) | (Traits::next(*bucket.head) ? kMore : 0);
+        }
         return removed;
       }
     }
@@ -85,8 +111,9 @@ class HashMapGeneric {
   // REQUIRES: no walk is running.
   void memberDelAll() {
     ZOV_DCHECK(walks_ == 0, "the members were removed during a walk");
-    for (Ptr<Member>& head : buckets_) {
-      Ptr<Member> m = std::move(head);
+    for (Bucket& bucket : buckets_) {
+      Ptr<Member> m = std::move(bucket.head);
+      bucket.mark = 0;
       while (m) {
         Ptr<Member> next = std::move(Traits::next(*m));
         m = std::move(next);
@@ -98,7 +125,7 @@ class HashMapGeneric {
   // Removes every member and releases the bucket storage.
   void emptyAllBuckets() {
     memberDelAll();
-    std::vector<Ptr<Member>>(1).swap(buckets_);
+    std::vector<Bucket>(1).swap(buckets_);
   }
 
   // Calls `visit(const Ptr<Member>&)` once for every member.
@@ -112,7 +139,7 @@ class HashMapGeneric {
       ~EndWalk() { --map.walks_; }
     } endWalk{*this};
     for (std::size_t b = 0; b < buckets_.size(); ++b) {
-      Ptr<Member> m = buckets_[b];
+      Ptr<Member> m = buckets_[b].head;
       while (m) {
         Ptr<Member> next = Traits::next(*m);
         [[maybe_unused]] const std::size_t before = size_;
@@ -125,30 +152,48 @@ class HashMapGeneric {
   }
 
  private:
+  // A bucket keeps, beside its first member, a mark of that member's hash and
+  // whether more members follow, so that a lookup of a key the bucket does
+  // not hold rarely needs to compute a member's key.
+  static constexpr std::uint64_t kMore = 1;
+  struct Bucket {
+    Ptr<Member> head;
+    std::uint64_t mark = 0;
+  };
+
   static std::size_t roundUp(std::size_t n) {
     std::size_t size = 1;
     while (size < n) size <<= 1;
     return size;
   }
-  std::size_t bucketOf(const Key& key) const {
-    return HashHelper::rehash(Traits::hash(key)) & (buckets_.size() - 1);
+  static std::uint64_t mixedHash(const Key& key) { return HashHelper::rehash(Traits::hash(key)); }
+  // The high bits of the hash; the low ones pick the bucket.
+  static std::uint64_t markOf(std::uint64_t hash) { return (hash >> 32) << 1; }
+  static void markHead(Bucket& bucket, std::uint64_t hash) {
+    bucket.mark = markOf(hash) | (Traits::next(*bucket.head) ? kMore : 0);
   }
-  void grow() {
-    std::vector<Ptr<Member>> old(buckets_.size() * 2);
+  void link(Ptr<Member> member, std::uint64_t hash) {
+    Bucket& bucket = buckets_[hash & (buckets_.size() - 1)];
+    Traits::next(*member) = std::move(bucket.head);
+    bucket.head = std::move(member);
+    markHead(bucket, hash);
+  }
+  void grow() { rehash(buckets_.size() * 2); }
+  void rehash(std::size_t bucketCount) {
+    std::vector<Bucket> old(bucketCount);
     old.swap(buckets_);
-    for (Ptr<Member>& head : old) {
-      Ptr<Member> m = std::move(head);
+    for (Bucket& bucket : old) {
+      Ptr<Member> m = std::move(bucket.head);
       while (m) {
         Ptr<Member> next = std::move(Traits::next(*m));
-        Ptr<Member>& slot = buckets_[bucketOf(Traits::key(*m))];
-        Traits::next(*m) = std::move(slot);
-        slot = std::move(m);
+        const std::uint64_t hash = mixedHash(Traits::key(*m));
+        link(std::move(m), hash);
         m = std::move(next);
       }
     }
   }
 
-  std::vector<Ptr<Member>> buckets_;
+  std::vector<Bucket> buckets_;
   std::size_t size_ = 0;
   // Walks running now; a walk holds the next member while it visits one, so
   // that member must stay in place.

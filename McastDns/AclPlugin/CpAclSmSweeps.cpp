@@ -67,6 +67,7 @@ void CpAclSm::handleL3IntfStatus() {
   const L3::Intf::StatusDir* dir = intfStatusDir();
   prune(l3IntfStatusAclSm_, dir ? &dir->intfStatus() : nullptr);
   if (!dir) return;
+  l3IntfStatusAclSm_.reserve(dir->intfStatus().size());
   for (const auto& entry : dir->intfStatus()) {
     if (entry.second) handleL3IntfStatus(entry.second->intfId());
   }
@@ -78,6 +79,7 @@ void CpAclSm::handleLinkStatus() {
   const Status* links = status();
   prune(linkStatusAclSm_, links ? &links->linkStatus() : nullptr);
   if (!links) return;
+  linkStatusAclSm_.reserve(links->linkStatus().size());
   for (const auto& entry : links->linkStatus()) {
     if (entry.second) handleLinkStatus(entry.second->intfKey());
   }

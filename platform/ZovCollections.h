@@ -11,7 +11,7 @@
 // change to its notifiees with the entry's key.
 //
 // `HashMapGeneric` layout: power-of-two bucket arrays, grown to keep the load
-// factor at most 0.5; a hash is mixed with `HashHelper::rehash` and its low
+// factor at most 1.0; a hash is mixed with `HashHelper::rehash` and its low
 // bits pick the bucket. Walks visit members in bucket order, which carries no
 // meaning. `HashMap2018Generic`: see below.
 #pragma once
@@ -71,7 +71,7 @@ class HashMapGeneric {
     ZOV_DCHECK(walks_ == 0, "a member was inserted during a walk");
     ZOV_DCHECK(!find(Traits::key(*member)), "a member is already held under this key");
     ZOV_DCHECK(!Traits::next(*member), "the member is linked into a collection");
-    if (2 * (size_ + 1) > buckets_.size()) grow();
+    if (size_ + 1 > buckets_.size()) grow();
     link(member, mixedHash(Traits::key(*member)));
     ++size_;
   }
@@ -81,7 +81,7 @@ class HashMapGeneric {
   // REQUIRES: no walk is running.
   void reserve(std::size_t count) {
     ZOV_DCHECK(walks_ == 0, "a collection was resized during a walk");
-    if (2 * count > buckets_.size()) rehash(roundUp(2 * count));
+    if (count > buckets_.size()) rehash(roundUp(count));
   }
 
   // Removes the member held under `key` and returns it, or returns null.

@@ -29,7 +29,7 @@ namespace Zov {
 class SlabPool {
  public:
   static constexpr std::size_t kMaxSize = 256;
-  static constexpr std::size_t kSlabBytes = 64 * 1024;
+  static constexpr std::size_t kSlabBytes = 16 * 1024;
 
   SlabPool() = default;
   SlabPool(const SlabPool&) = delete;

@@ -13,50 +13,22 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 
 extern char** environ;
 
 namespace AclAgent {
 namespace {
 
-// What a child that cannot go on tells its parent through the status pipe.
-struct ChildFailure {
-  int stage;  // kEnterNetns or kExec
-  int error;
-};
+// Where a child that could not run its program stopped.
 constexpr int kEnterNetns = 1;
 constexpr int kExec = 2;
 
 std::string errorText(int error) {
   return std::strerror(error);
-}
-
-// The program's path: `program` itself when it holds a '/', else the first
-// executable file of that name on PATH.
-std::optional<std::string> programPath(const std::string& program, std::string* error) {
-  if (program.empty()) {
-    *error = "no program given";
-    return std::nullopt;
-  }
-  if (program.find('/') != std::string::npos) return program;
-  const char* path = std::getenv("PATH");
-  std::string_view dirs = path ? path : "/usr/local/bin:/usr/bin:/bin";
-  while (true) {
-    const std::size_t colon = dirs.find(':');
-    std::string dir(dirs.substr(0, colon));
-    const std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
-    struct stat st {};
-    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        ::access(candidate.c_str(), X_OK) == 0) {
-      return candidate;
-    }
-    if (colon == std::string_view::npos) break;
-    dirs.remove_prefix(colon + 1);
-  }
-  *error = "cannot run \"" + program + "\": not found on PATH";
-  return std::nullopt;
 }
 
 // Moves a descriptor that landed on 0, 1 or 2 (the agent's own were closed)
@@ -120,59 +92,192 @@ bool readAvailable(int fd, std::string& into) {
   }
 }
 
-// The child's side, between fork and exec: async-signal-safe calls only.
-[[noreturn]] void childMain(const char* path, char* const* argv, int netnsFd, int in, int out,
-                            int err, int status) {
-  sigset_t none;
-  sigemptyset(&none);
-  ::sigprocmask(SIG_SETMASK, &none, nullptr);
-  struct sigaction defaults {};
-  defaults.sa_handler = SIG_DFL;
-  for (int sig : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD}) {
-    ::sigaction(sig, &defaults, nullptr);
+// An argument of a raw system call, as a register holds it.
+template <typename T>
+__attribute__((always_inline, no_sanitize("address", "undefined"))) inline long word(T value) {
+  if constexpr (std::is_pointer_v<T>) {
+    return reinterpret_cast<long>(value);
+  } else {
+    return static_cast<long>(value);
   }
-  ChildFailure failure{kEnterNetns, 0};
-  if (netnsFd < 0 || ::setns(netnsFd, CLONE_NEWNET) == 0) {
-    // The descriptors are all above 2, so none overwrites another; dup2
-    // leaves the copies open across exec.
-    ::dup2(in, 0);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
-    // Descriptors the agent opened without close-on-exec stay out of the
-    // child as well.
-    ::syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
-    ::execve(path, argv, environ);
-    failure.stage = kExec;
-  }
-  failure.error = errno;
-  [[maybe_unused]] ssize_t n = ::write(status, &failure, sizeof failure);
-  ::_exit(127);
 }
 
-// Forks a child that runs `command` with the given descriptors; -1 with
-// `*error` set when it cannot.
-pid_t spawn(const ChildCommand& command, int in, int out, int err, int status, std::string* error) {
-  const std::optional<std::string> path = programPath(command.program, error);
-  if (!path) return -1;
-  std::vector<std::string> words{command.program};
-  words.insert(words.end(), command.args.begin(), command.args.end());
+// A system call made without libc, which would set errno: the child shares
+// errno with the agent's thread, which runs on meanwhile. The result, or
+// -errno. Inlined into the child's code, as everything that runs there.
+template <typename A = long, typename B = long, typename C = long, typename D = long>
+__attribute__((always_inline, no_sanitize("address", "undefined"))) inline long rawSyscall(
+    long number, A first = 0, B second = 0, C third = 0, D fourth = 0) {
+#if defined(__x86_64__)
+  long result;
+  register long a3 __asm__("r10") = word(fourth);
+  __asm__ volatile("syscall"
+                   : "=a"(result)
+                   : "a"(number), "D"(word(first)), "S"(word(second)), "d"(word(third)), "r"(a3)
+                   : "rcx", "r11", "memory", "cc");
+  return result;
+#elif defined(__aarch64__)
+  register long n __asm__("x8") = number;
+  register long a0 __asm__("x0") = word(first);
+  register long a1 __asm__("x1") = word(second);
+  register long a2 __asm__("x2") = word(third);
+  register long a3 __asm__("x3") = word(fourth);
+  __asm__ volatile("svc 0" : "+r"(a0) : "r"(n), "r"(a1), "r"(a2), "r"(a3) : "memory", "cc");
+  return a0;
+#else
+#error "the child's raw system calls are written for x86-64 and arm64 only"
+#endif
+}
+
+// The kernel's own `struct sigaction`, which rt_sigaction takes (libc's
+// differs), and the size of its signal sets.
+struct KernelSigaction {
+  void (*handler)(int);
+  unsigned long flags;
+  void (*restorer)();
+  std::uint64_t mask;
+};
+constexpr std::size_t kSigsetSize = sizeof(std::uint64_t);
+
+constexpr std::uint64_t signalBit(int sig) {
+  return std::uint64_t{1} << (sig - 1);
+}
+// Signals that the child gets back on their default action even where the
+// agent ignores them.
+constexpr std::uint64_t kTakenBack = signalBit(SIGPIPE) | signalBit(SIGINT) | signalBit(SIGTERM) |
+                                     signalBit(SIGHUP) | signalBit(SIGQUIT) | signalBit(SIGCHLD);
+
+}  // namespace
+
+// What a child reads until it execs, made ready by the parent, with the stack
+// it runs on; where it stopped and why, when it could not run the program.
+// The child shares the parent's memory and reads this while the parent runs
+// on, so nothing of it changes until the child has ended.
+struct ChildLaunch {
+  std::string path;
+  std::vector<std::string> words;
   std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) childMain(path->c_str(), argv.data(), command.netnsFd, in, out, err, status);
-  if (pid < 0) *error = "cannot start \"" + command.program + "\": " + errorText(errno);
+  std::vector<char*> envp;  // a copy: the environment may change meanwhile
+  // What the child reads: plain values, so that it calls nothing.
+  const char* file = nullptr;          // path
+  char* const* args = nullptr;         // argv
+  char* const* environment = nullptr;  // envp
+  int netnsFd = -1;
+  int in = -1;
+  int out = -1;
+  int err = -1;
+  int stage = 0;  // kEnterNetns or kExec when it stopped
+  int error = 0;
+  alignas(16) char stack[16 * 1024];
+};
+
+namespace {
+
+// The child's side until it execs. It shares the parent's memory (and its
+// thread's errno and sanitizer state) while the parent runs on, so it makes
+// raw system calls only, on its own stack, and calls nothing. Every signal is
+// blocked when it starts.
+__attribute__((noinline, no_sanitize("address", "undefined"))) int childMain(void* arg) {
+  ChildLaunch& launch = *static_cast<ChildLaunch*>(arg);
+  // A handler is the agent's code, which must not run in here; none survives
+  // exec anyway.
+  for (int sig = 1; sig < NSIG; ++sig) {
+    if (sig == SIGKILL || sig == SIGSTOP) continue;
+    // Set field by field: a compiler may make `{}` a call to memset.
+    KernelSigaction action;
+    action.handler = SIG_DFL;
+    if (rawSyscall(SYS_rt_sigaction, sig, 0, &action, kSigsetSize) != 0) continue;
+    const bool ignored = action.handler == SIG_IGN && ((kTakenBack >> (sig - 1)) & 1) == 0;
+    if (action.handler != SIG_DFL && !ignored) {
+      action.handler = SIG_DFL;
+      action.flags = 0;
+      action.restorer = nullptr;
+      action.mask = 0;
+      rawSyscall(SYS_rt_sigaction, sig, &action, 0, kSigsetSize);
+    }
+  }
+  if (launch.netnsFd >= 0) {
+    const long entered = rawSyscall(SYS_setns, launch.netnsFd, CLONE_NEWNET);
+    if (entered != 0) {
+      launch.error = static_cast<int>(-entered);
+      launch.stage = kEnterNetns;
+      return 127;
+    }
+  }
+  // The descriptors are all above 2, so none overwrites another; the copies
+  // stay open across exec.
+  rawSyscall(SYS_dup3, launch.in, 0, 0);
+  rawSyscall(SYS_dup3, launch.out, 1, 0);
+  rawSyscall(SYS_dup3, launch.err, 2, 0);
+  // Descriptors the agent opened without close-on-exec stay out of the child
+  // as well.
+  rawSyscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
+  const std::uint64_t none = 0;
+  rawSyscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, 0, kSigsetSize);
+  const long exec = rawSyscall(SYS_execve, launch.file, launch.args, launch.environment);
+  launch.error = static_cast<int>(-exec);
+  launch.stage = kExec;
+  return 127;
+}
+
+// Starts a child that runs `command` with the given descriptors as its
+// standard input, output and error; pid -1, with `*error` set, when none
+// could be started. `*launch` is what the child reads until it execs: it must
+// stay as it is until the child has ended. The child shares this process's
+// memory, so nothing is copied however large the process is, and this
+// thread does not wait for it.
+pid_t spawn(const ChildCommand& command, int in, int out, int err,
+            std::unique_ptr<ChildLaunch>* launch, int* pidFd, std::string* error) {
+  // Not value-initialised: the stack needs no zeroing.
+  std::unique_ptr<ChildLaunch> made(new ChildLaunch);
+  ChildLaunch& l = *made;
+  l.path = command.path;
+  if (l.path.empty()) {
+    std::optional<std::string> found = ChildProcess::findProgram(command.program, error);
+    if (!found) return -1;
+    l.path = std::move(*found);
+  }
+  l.words.push_back(command.program);
+  l.words.insert(l.words.end(), command.args.begin(), command.args.end());
+  for (std::string& word : l.words) l.argv.push_back(word.data());
+  l.argv.push_back(nullptr);
+  for (char** variable = environ; variable && *variable; ++variable) l.envp.push_back(*variable);
+  l.envp.push_back(nullptr);
+  l.file = l.path.c_str();
+  l.args = l.argv.data();
+  l.environment = l.envp.data();
+  l.netnsFd = command.netnsFd;
+  l.in = in;
+  l.out = out;
+  l.err = err;
+  // Blocked until the child has put every handler back to the default: it
+  // starts with this mask.
+  const std::uint64_t all = ~std::uint64_t{0};
+  std::uint64_t before = 0;
+  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all, &before, kSigsetSize);
+  *pidFd = -1;
+  const pid_t pid =
+      ::clone(childMain, l.stack + sizeof l.stack, CLONE_VM | CLONE_PIDFD | SIGCHLD, &l, pidFd);
+  const int cloneError = errno;
+  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, kSigsetSize);
+  if (pid < 0) {
+    *error = "cannot start \"" + command.program + "\": " + errorText(cloneError);
+    return -1;
+  }
+  *pidFd = aboveStdio(*pidFd);
+  *launch = std::move(made);
   return pid;
 }
 
-// What the child said through the status pipe before it could exec.
-std::string childFailure(int status, const std::string& program) {
-  ChildFailure failure{};
-  if (::read(status, &failure, sizeof failure) != sizeof failure) return {};
-  if (failure.stage == kEnterNetns) {
-    return "cannot enter the network namespace: " + errorText(failure.error);
+// Why a child that has ended could not run its program, or empty.
+std::string launchFailure(const ChildLaunch& launch) {
+  if (launch.stage == kEnterNetns) {
+    return "cannot enter the network namespace: " + errorText(launch.error);
   }
-  return "cannot run \"" + program + "\": " + errorText(failure.error);
+  if (launch.stage == kExec) {
+    return "cannot run \"" + launch.words.front() + "\": " + errorText(launch.error);
+  }
+  return {};
 }
 
 void recordWait(int waitStatus, ChildResult& result) {
@@ -223,34 +328,30 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
                                                   Pell::Nanoseconds timeout, Done done,
                                                   std::string* error) {
   std::unique_ptr<ChildProcess> child(new ChildProcess);
-  int out[2] = {-1, -1}, err[2] = {-1, -1}, status[2] = {-1, -1};
+  int out[2] = {-1, -1}, err[2] = {-1, -1};
   int in = inputFile(command.input, error);
   auto closeChildEnds = [&] {
     closeFd(in);
     closeFd(out[1]);
     closeFd(err[1]);
-    closeFd(status[1]);
   };
-  if (in < 0 || !pipeOf(out, error) || !pipeOf(err, error) || !pipeOf(status, error)) {
+  if (in < 0 || !pipeOf(out, error) || !pipeOf(err, error)) {
     closeChildEnds();
     closeFd(out[0]);
     closeFd(err[0]);
-    closeFd(status[0]);
     return nullptr;
   }
   child->outFd_ = out[0];
   child->errFd_ = err[0];
-  child->statusFd_ = status[0];
-  child->pid_ = spawn(command, in, out[1], err[1], status[1], error);
+  child->pid_ = spawn(command, in, out[1], err[1], &child->launch_, &child->pidFd_, error);
   closeChildEnds();
   if (child->pid_ < 0) {
     child->pid_ = -1;
     child->closeAll();
     return nullptr;
   }
-  child->pidFd_ = aboveStdio(static_cast<int>(::syscall(SYS_pidfd_open, child->pid_, 0)));
   if (child->pidFd_ < 0) {
-    *error = "cannot watch a child process (pidfd_open needs Linux 5.3): " + errorText(errno);
+    *error = "cannot watch a child process: " + errorText(errno);
     int waitStatus = 0;
     killAndReap(child->pid_, &waitStatus);
     child->pid_ = -1;
@@ -259,7 +360,6 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
   }
   ::fcntl(child->outFd_, F_SETFL, O_NONBLOCK);
   ::fcntl(child->errFd_, F_SETFL, O_NONBLOCK);
-  ::fcntl(child->statusFd_, F_SETFL, O_NONBLOCK);
   if (timeout > 0) {
     child->timerFd_ = aboveStdio(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     itimerspec due{};
@@ -276,7 +376,6 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
   ChildProcess* self = child.get();
   child->loop_ = loop;
   child->done_ = std::move(done);
-  child->program_ = command.program;
   loop->fdWatchIs(self->outFd_, [self] { self->handleOutput(self->outFd_, self->result_.out); });
   loop->fdWatchIs(self->errFd_, [self] { self->handleOutput(self->errFd_, self->result_.err); });
   loop->fdWatchIs(self->pidFd_, [self] { self->handleEnd(); });
@@ -284,6 +383,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
   loop->workInFlightInc();
   return child;
 }
+
+ChildProcess::ChildProcess() = default;
 
 ChildProcess::~ChildProcess() {
   if (pid_ > 0) {
@@ -296,7 +397,7 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::closeAll() {
-  for (int* fd : {&outFd_, &errFd_, &pidFd_, &timerFd_, &statusFd_}) {
+  for (int* fd : {&outFd_, &errFd_, &pidFd_, &timerFd_}) {
     if (*fd >= 0 && loop_) loop_->fdWatchDel(*fd);
     closeFd(*fd);
   }
@@ -333,7 +434,8 @@ void ChildProcess::handleEnd() {
   // open is not waited for.
   if (outFd_ >= 0) readAvailable(outFd_, result_.out);
   if (errFd_ >= 0) readAvailable(errFd_, result_.err);
-  if (statusFd_ >= 0) result_.failure = childFailure(statusFd_, program_);
+  result_.failure = launchFailure(*launch_);
+  launch_.reset();
   closeAll();
   loop_->workInFlightDec();
   // `done` may destroy this object: nothing of it is touched after the call.
@@ -345,25 +447,24 @@ void ChildProcess::handleEnd() {
 ChildResult ChildProcess::run(const ChildCommand& command, Pell::Nanoseconds timeout) {
   ChildResult result;
   std::string& error = result.failure;
-  int status[2] = {-1, -1};
   int in = inputFile(command.input, &error);
   int out = in < 0 ? -1 : inputFile("", &error);
   int err = out < 0 ? -1 : inputFile("", &error);
-  if (err < 0 || !pipeOf(status, &error)) {
+  if (err < 0) {
     for (int* fd : {&in, &out, &err}) closeFd(*fd);
     return result;
   }
-  const pid_t pid = spawn(command, in, out, err, status[1], &error);
+  std::unique_ptr<ChildLaunch> launch;
+  int pidFd = -1;
+  const pid_t pid = spawn(command, in, out, err, &launch, &pidFd, &error);
   closeFd(in);
-  closeFd(status[1]);
   if (pid > 0) {
-    int pidFd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
     pollfd ended{pidFd, POLLIN, 0};
     const int waitMs = timeout > 0 ? static_cast<int>((timeout + 999'999) / 1'000'000) : -1;
     int ready = 0;
-    while (pidFd >= 0 && (ready = ::poll(&ended, 1, waitMs)) < 0 && errno == EINTR) {
+    while (ended.fd >= 0 && (ready = ::poll(&ended, 1, waitMs)) < 0 && errno == EINTR) {
     }
-    if (pidFd >= 0 && ready == 0) {
+    if (ended.fd >= 0 && ready == 0) {
       result.timedOut = true;
       ::kill(pid, SIGKILL);
     }
@@ -372,15 +473,39 @@ ChildResult ChildProcess::run(const ChildCommand& command, Pell::Nanoseconds tim
     while (::waitpid(pid, &waitStatus, 0) < 0 && errno == EINTR) {
     }
     recordWait(waitStatus, result);
-    ::fcntl(status[0], F_SETFL, O_NONBLOCK);
-    result.failure = childFailure(status[0], command.program);
+    result.failure = launchFailure(*launch);
     for (auto [fd, into] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
       ::lseek(fd, 0, SEEK_SET);
       readAvailable(fd, *into);
     }
   }
-  for (int* fd : {&out, &err, &status[0]}) closeFd(*fd);
+  for (int* fd : {&out, &err}) closeFd(*fd);
   return result;
+}
+
+std::optional<std::string> ChildProcess::findProgram(const std::string& program,
+                                                     std::string* error) {
+  if (program.empty()) {
+    *error = "no program given";
+    return std::nullopt;
+  }
+  if (program.find('/') != std::string::npos) return program;
+  const char* path = std::getenv("PATH");
+  std::string_view dirs = path ? path : "/usr/local/bin:/usr/bin:/bin";
+  while (true) {
+    const std::size_t colon = dirs.find(':');
+    std::string dir(dirs.substr(0, colon));
+    const std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
+    struct stat st {};
+    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        ::access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+    if (colon == std::string_view::npos) break;
+    dirs.remove_prefix(colon + 1);
+  }
+  *error = "cannot run \"" + program + "\": not found on PATH";
+  return std::nullopt;
 }
 
 }  // namespace AclAgent

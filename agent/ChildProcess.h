@@ -19,13 +19,18 @@
 // Destroying a `ChildProcess` whose child still runs kills and reaps it
 // without calling `done`.
 //
-// Threading: the event thread only. The process must have one thread when it
-// forks (the agent has); between fork and exec the child makes only
-// async-signal-safe calls.
+// The child shares the agent's memory until it execs, so starting one costs
+// the same however large the agent is: nothing is copied, and the agent's
+// thread goes on at once, without waiting for the child to run. Until it
+// execs, the child makes raw system calls only, on a stack of its own, with
+// every handler reset.
+//
+// Threading: the event thread only (`run`: any thread).
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,13 +39,15 @@
 namespace AclAgent {
 
 struct ChildCommand {
-  // Looked up on PATH when it holds no '/'.
+  // Looked up on PATH when it holds no '/', unless `path` is given.
   std::string program;
   std::vector<std::string> args;
   // A network namespace to enter before running the program; -1: stay. The
   // caller keeps it open until `start` or `run` returns.
   int netnsFd = -1;
   std::string input;
+  // The file `program` names, when looked up already (`findProgram`).
+  std::string path{};
 };
 
 struct ChildResult {
@@ -62,6 +69,8 @@ struct ChildResult {
                         const std::string& errors) const;
 };
 
+struct ChildLaunch;
+
 class ChildProcess {
  public:
   using Done = std::function<void(ChildResult)>;
@@ -80,12 +89,17 @@ class ChildProcess {
 
   int pid() const { return pid_; }
 
+  // The file that runs for `program`: `program` itself when it holds a '/',
+  // else the first executable file of that name on PATH; nothing, with
+  // `*error` set, when there is none.
+  static std::optional<std::string> findProgram(const std::string& program, std::string* error);
+
   // Opens the network namespace file `path` for `ChildCommand::netnsFd`; -1
   // when it cannot, with `*error` set, or empty when no such file exists.
   static int openNamespace(const std::string& path, std::string* error);
 
  private:
-  ChildProcess() = default;
+  ChildProcess();
   void handleOutput(int& fd, std::string& into);
   void handleEnd();
   void handleTimeout();
@@ -93,13 +107,13 @@ class ChildProcess {
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
   Done done_;
-  std::string program_;
   int pid_ = -1;
   int pidFd_ = -1;
   int timerFd_ = -1;
   int outFd_ = -1;
   int errFd_ = -1;
-  int statusFd_ = -1;  // what the child says when it cannot exec
+  // What the child reads until it execs; kept until it has ended.
+  std::unique_ptr<ChildLaunch> launch_;
   ChildResult result_;
 };
 

@@ -1,5 +1,6 @@
 #include "agent/IptablesBackend.h"
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +23,15 @@ std::size_t ruleCount(const ChainRules& rules) {
   std::size_t n = 0;
   for (const auto& [chain, texts] : rules) n += texts.size();
   return n;
+}
+
+// The CPUs this process may run on.
+unsigned cpuCount() {
+  cpu_set_t cpus;
+  if (::sched_getaffinity(0, sizeof cpus, &cpus) == 0) {
+    return static_cast<unsigned>(std::max(1, CPU_COUNT(&cpus)));
+  }
+  return static_cast<unsigned>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN)));
 }
 
 const char* stateName(IptablesBackend::State state) {
@@ -72,9 +82,21 @@ struct IptablesBackend::Impl {
     std::unique_ptr<BackgroundTimer> retry;
   };
 
+  // A program the backend runs, looked up on PATH once rather than at every
+  // start, and again after a child could not run it (moved, removed).
+  struct Program {
+    std::string name;
+    std::string path;  // empty while not found
+  };
+
   Impl(Zov::Ptr<Pell::TaskSchedulerRoot> l, IptablesBackendOptions o, std::ostream& e)
       : loop(std::move(l)), options(std::move(o)), errors(e) {
-    if (options.maxChildren == 0) options.maxChildren = 1;
+    if (options.maxChildren == 0) options.maxChildren = std::min(cpuCount(), 4u);
+    for (Program* program : {&save, &restore}) {
+      // One missing now is reported when a VRF needs it.
+      std::string missing;
+      program->path = ChildProcess::findProgram(program->name, &missing).value_or("");
+    }
     if (options.resyncPeriod > 0) {
       resyncTimer = std::make_unique<BackgroundTimer>(loop, "iptablesResyncTask", [this] {
         resync();
@@ -207,8 +229,8 @@ struct IptablesBackend::Impl {
 
   // Runs `program` for `vrf` in its namespace; false when it could not start
   // (the VRF's state says why).
-  bool startChild(Vrf& vrf, const std::string& program, std::vector<std::string> args,
-                  std::string input, void (Impl::*handler)(Vrf&, ChildResult)) {
+  bool startChild(Vrf& vrf, Program& program, std::vector<std::string> args, std::string input,
+                  void (Impl::*handler)(Vrf&, ChildResult)) {
     int netnsFd = -1;
     if (!vrf.netns.empty()) {
       std::string error;
@@ -223,13 +245,24 @@ struct IptablesBackend::Impl {
       }
     }
     std::string error;
-    const ChildCommand command{program, std::move(args), netnsFd, std::move(input)};
+    if (program.path.empty()) {
+      std::optional<std::string> found = ChildProcess::findProgram(program.name, &error);
+      if (!found) {
+        if (netnsFd >= 0) ::close(netnsFd);
+        failed(vrf, error);
+        return false;
+      }
+      program.path = std::move(*found);
+    }
+    const ChildCommand command{program.name, std::move(args), netnsFd, std::move(input),
+                               program.path};
     vrf.child = ChildProcess::start(
         loop, command, options.childTimeout,
-        [this, name = vrf.name, handler](ChildResult result) {
+        [this, name = vrf.name, handler, &program](ChildResult result) {
           Vrf& v = vrfs.at(name);
           --running;
           std::unique_ptr<ChildProcess> ended = std::move(v.child);
+          if (!result.failure.empty()) program.path.clear();
           (this->*handler)(v, std::move(result));
           pump();
         },
@@ -245,7 +278,7 @@ struct IptablesBackend::Impl {
 
   void startRead(Vrf& vrf) {
     vrf.again = false;
-    if (startChild(vrf, options.iptablesSave, {"-t", "filter"}, {}, &Impl::handleRead)) {
+    if (startChild(vrf, save, {"-t", "filter"}, {}, &Impl::handleRead)) {
       vrf.phase = Vrf::Phase::kReading;
     }
   }
@@ -276,8 +309,7 @@ struct IptablesBackend::Impl {
     vrf.repair = vrf.applied && *vrf.applied == rules;
     vrf.input = restoreInput(saved, rules);
     vrf.writing = std::move(rules);
-    if (startChild(vrf, options.iptablesRestore, {"--noflush"}, vrf.input.text,
-                   &Impl::handleWrite)) {
+    if (startChild(vrf, restore, {"--noflush"}, vrf.input.text, &Impl::handleWrite)) {
       vrf.phase = Vrf::Phase::kWriting;
       vrf.state = State::kWriting;
       ++vrf.writes;
@@ -353,6 +385,8 @@ struct IptablesBackend::Impl {
   Zov::Ptr<Pell::TaskSchedulerRoot> loop;
   IptablesBackendOptions options;
   std::ostream& errors;
+  Program save{options.iptablesSave, {}};
+  Program restore{options.iptablesRestore, {}};
   std::map<std::string, Vrf> vrfs;
   std::deque<std::string> queue;
   unsigned running = 0;

@@ -57,7 +57,10 @@ struct IptablesBackendOptions {
   std::string iptablesSave = "iptables-save";
   // Every this long on the loop's clock, every VRF is read back; 0: never.
   Pell::Nanoseconds resyncPeriod = 90'000'000'000;
-  unsigned maxChildren = 4;
+  // Child processes at once; 0: one per CPU the agent may run on, at most 4.
+  // More children than CPUs write a little sooner, but the agent's own thread
+  // then waits longer for a CPU.
+  unsigned maxChildren = 0;
   Pell::Nanoseconds childTimeout = 5'000'000'000;  // real time
 };
 

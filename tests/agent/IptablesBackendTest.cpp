@@ -267,6 +267,50 @@ TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesF
   EXPECT_EQ(runs("save"), 0);
 }
 
+TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMoved) {
+  // The programs by name, on a PATH whose first two folders do not hold them
+  // yet.
+  const std::string first = dir_ + "/bin1", second = dir_ + "/bin2";
+  std::filesystem::create_directory(first);
+  std::filesystem::create_directory(second);
+  const std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
+  struct PathBack {
+    std::string path;
+    ~PathBack() { ::setenv("PATH", path.c_str(), 1); }
+  } pathBack{path};
+  ::setenv("PATH", (first + ":" + second + ":" + path).c_str(), 1);
+  options_.iptablesSave = "acl-test-save";
+  options_.iptablesRestore = "acl-test-restore";
+  const std::string report = "acl-agent: apply vrf \"default\": ";
+
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-save\": not found on PATH\n");
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  // Installed since: the retry finds them.
+  std::filesystem::rename(dir_ + "/save", first + "/acl-test-save");
+  std::filesystem::rename(dir_ + "/restore", first + "/acl-test-restore");
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(runs("restore"), 1);
+
+  // Moved to another folder on PATH: the file found before is gone, which
+  // is reported, and the retry finds it where it is now.
+  std::filesystem::rename(first + "/acl-test-restore", second + "/acl-test-restore");
+  errors_.str("");
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-restore\": No such file or directory\n");
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_THAT(restoreInput(2), HasSubstr(kGateway));
+  EXPECT_EQ(status("default").writes, 3u);  // the one that could not run included
+}
+
 TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules) {
   if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
   options_.maxChildren = 2;

@@ -67,76 +67,191 @@ void RuleService::registerChainRule(Acl::IptablesType iptablesType, Acl::AclType
                                     unsigned int sequence, const Zov::String& rule,
                                     const Zov::String& text2, const Zov::String& text3, bool flag,
                                     const Acl::UniqueId& uniqueId) {
-  RuleCall call{RuleCall::Kind::kRegister,
-                RuleKey{iptablesType, aclType, std::move(vrf), direction, chain, owner, sequence},
-                Rule{rule, text2, text3, flag, uniqueId}};
-  stage(call.key, call.rule);
-  logCall(std::move(call));
+  Slot& slot =
+      namedSlot(batchOf(iptablesType, aclType, vrf, chain).second, direction, sequence, owner);
+  const Rule& standing = slot.standingRule;
+  if (slot.standing != rules_.end() && standing.text == rule && standing.text2 == text2 &&
+      standing.text3 == text3 && standing.flag == flag && standing.uniqueId == uniqueId) {
+    if (slot.staged == Slot::Staged::kPut) slot.pending = Rule{};
+    slot.staged = Slot::Staged::kKeep;
+  } else {
+    slot.staged = Slot::Staged::kPut;
+    slot.pending = Rule{rule, text2, text3, flag, uniqueId};
+  }
+  ++calls_;
+  if (callLog_) {
+    log_.push_back(
+        RuleCall{RuleCall::Kind::kRegister,
+                 RuleKey{iptablesType, aclType, std::move(vrf), direction, chain, owner, sequence},
+                 Rule{rule, text2, text3, flag, uniqueId}});
+  }
 }
 
 void RuleService::unregisterChainRule(Acl::IptablesType iptablesType, Acl::AclType aclType,
                                       L3::VrfName vrf, Acl::AclDirection direction,
                                       const Zov::String& chain, const Zov::String& owner,
                                       unsigned int sequence) {
-  RuleCall call{RuleCall::Kind::kUnregister,
-                RuleKey{iptablesType, aclType, std::move(vrf), direction, chain, owner, sequence},
-                Rule{}};
-  stage(call.key, std::nullopt);
-  logCall(std::move(call));
+  Slot& slot =
+      namedSlot(batchOf(iptablesType, aclType, vrf, chain).second, direction, sequence, owner);
+  if (slot.staged == Slot::Staged::kPut) slot.pending = Rule{};
+  slot.staged = slot.standing == rules_.end() ? Slot::Staged::kKeep : Slot::Staged::kWithdraw;
+  ++calls_;
+  if (callLog_) {
+    log_.push_back(RuleCall{
+        RuleCall::Kind::kUnregister,
+        RuleKey{iptablesType, aclType, std::move(vrf), direction, chain, owner, sequence}, Rule{}});
+  }
 }
 
 void RuleService::finishRegistration(Acl::IptablesType iptablesType, Acl::AclType aclType,
                                      L3::VrfName vrf, const Zov::String& chain) {
+  auto& [key, batch] = batchOf(iptablesType, aclType, vrf, chain);
+  ++batch.finishes;
   bool changed = false;
-  auto batch = batches_.find(BatchKey{iptablesType, aclType, vrf, chain});
-  if (batch != batches_.end()) {
-    for (auto& [key, rule] : batch->second) {
-      auto standing = rules_.find(key);
-      if (!rule) {
-        if (standing == rules_.end()) continue;
-        rules_.erase(standing);
-      } else if (standing == rules_.end()) {
-        rules_.emplace(key, std::move(*rule));
-      } else if (standing->second == *rule) {
-        continue;
-      } else {
-        standing->second = std::move(*rule);
-      }
-      changed = true;
-    }
-    batches_.erase(batch);
+  if (batch.first.staged != Slot::Staged::kNothing) {
+    changed = applyStaged(key, *batch.firstKey, batch.first);
   }
-  ++finishes_[vrf];
+  for (const SlotMap::iterator& it : batch.staged) {
+    const bool stood = it->second.standing != rules_.end();
+    if (!applyStaged(key, it->first, it->second)) continue;
+    changed = true;
+    if (stood != (it->second.standing != rules_.end())) {
+      stood ? ++batch.emptySlots : --batch.emptySlots;
+    }
+  }
+  batch.staged.clear();
+  dropEmptySlots(batch);
   if (finishListener_) finishListener_(vrf, changed);
-  RuleCall call;
-  call.kind = RuleCall::Kind::kFinish;
-  call.key.iptablesType = iptablesType;
-  call.key.aclType = aclType;
-  call.key.vrf = std::move(vrf);
-  call.key.chain = chain;
-  logCall(std::move(call));
-}
-
-void RuleService::stage(const RuleKey& key, std::optional<Rule> rule) {
-  // A batch holds one operation per key: a later one on the same key replaces
-  // the earlier, which is what applying them in call order would leave.
-  batches_[BatchKey{key.iptablesType, key.aclType, key.vrf, key.chain}].insert_or_assign(
-      key, std::move(rule));
-}
-
-void RuleService::logCall(RuleCall call) {
   ++calls_;
-  if (callLog_) log_.push_back(std::move(call));
+  if (callLog_) {
+    RuleCall call;
+    call.kind = RuleCall::Kind::kFinish;
+    call.key.iptablesType = iptablesType;
+    call.key.aclType = aclType;
+    call.key.vrf = std::move(vrf);
+    call.key.chain = chain;
+    log_.push_back(std::move(call));
+  }
+}
+
+bool RuleService::applyStaged(const BatchKey& batch, const SlotKey& key, Slot& slot) {
+  // Only what changes what stands reaches the ordered map.
+  const Slot::Staged staged = slot.staged;
+  slot.staged = Slot::Staged::kNothing;
+  switch (staged) {
+    case Slot::Staged::kPut:
+      if (slot.standing == rules_.end()) {
+        slot.standing = rules_
+                            .emplace(RuleKey{batch.iptablesType, batch.aclType, batch.vrf,
+                                             key.direction, batch.chain, key.owner, key.sequence},
+                                     slot.pending)
+                            .first;
+      } else {
+        slot.standing->second = slot.pending;
+      }
+      slot.standingRule = std::move(slot.pending);
+      slot.pending = Rule{};
+      return true;
+    case Slot::Staged::kWithdraw:
+      rules_.erase(slot.standing);
+      slot.standing = rules_.end();
+      slot.standingRule = Rule{};
+      return true;
+    case Slot::Staged::kKeep:
+    case Slot::Staged::kNothing:
+      break;
+  }
+  return false;
+}
+
+std::size_t RuleService::BatchKeyHash::operator()(const BatchKeyRef& key) const noexcept {
+  const std::hash<std::string_view> text;
+  std::size_t h = text(key.vrf.view());
+  h ^= text(key.chain.view()) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+  return h ^
+         (static_cast<std::size_t>(key.iptablesType) << 8 | static_cast<std::size_t>(key.aclType));
+}
+
+RuleService::BatchMap::value_type& RuleService::batchOf(Acl::IptablesType iptablesType,
+                                                        Acl::AclType aclType,
+                                                        const L3::VrfName& vrf,
+                                                        const Zov::String& chain) {
+  // The guesses go by shared text only, which costs no byte comparison; an
+  // equal name that is another copy takes the lookup.
+  auto same = [&](const BatchMap::value_type* batch) {
+    const BatchKey& key = batch->first;
+    return key.vrf.sharesDataWith(vrf) && key.chain.sharesDataWith(chain) &&
+           key.iptablesType == iptablesType && key.aclType == aclType;
+  };
+  if (lastBatch_) {
+    if (same(lastBatch_)) return *lastBatch_;
+    if (BatchMap::value_type* next = lastBatch_->second.next; next && same(next)) {
+      lastBatch_ = next;
+      return *next;
+    }
+  }
+  auto it = batches_.find(BatchKeyRef{iptablesType, aclType, vrf, chain});
+  if (it == batches_.end()) {
+    it = batches_.emplace(BatchKey{iptablesType, aclType, vrf, chain}, Batch{}).first;
+  }
+  if (lastBatch_) lastBatch_->second.next = &*it;
+  lastBatch_ = &*it;
+  return *it;
+}
+
+RuleService::Slot& RuleService::namedSlot(Batch& batch, Acl::AclDirection direction,
+                                          unsigned int sequence, const Zov::String& owner) {
+  const SlotKeyRef key{direction, sequence, owner};
+  const SlotKeyLess less;
+  Slot* slot = nullptr;
+  if (!batch.firstKey) {
+    batch.firstKey.emplace(SlotKey{direction, sequence, owner});
+    batch.first.standing = rules_.end();
+    slot = &batch.first;
+  } else if (!less(key, *batch.firstKey) && !less(*batch.firstKey, key)) {
+    slot = &batch.first;
+  } else {
+    auto it = batch.more.lower_bound(key);
+    if (it == batch.more.end() || less(key, it->first)) {
+      Slot empty;
+      empty.standing = rules_.end();
+      it = batch.more.emplace_hint(it, SlotKey{direction, sequence, owner}, std::move(empty));
+      ++batch.emptySlots;
+    }
+    if (it->second.staged == Slot::Staged::kNothing) batch.staged.push_back(it);
+    slot = &it->second;
+  }
+  slot->named = batch.finishes + 1;
+  return *slot;
+}
+
+void RuleService::dropEmptySlots(Batch& batch) {
+  // Keys withdrawn at every refresh keep their slots: they are named again
+  // before each finish.
+  if (batch.emptySlots <= kEmptySlotsKept || 2 * batch.emptySlots <= batch.more.size()) return;
+  for (auto it = batch.more.begin(); it != batch.more.end();) {
+    if (it->second.standing == rules_.end() && it->second.named != batch.finishes) {
+      it = batch.more.erase(it);
+      --batch.emptySlots;
+    } else {
+      ++it;
+    }
+  }
 }
 
 std::uint64_t RuleService::finishes(const L3::VrfName& vrf) const {
-  auto it = finishes_.find(vrf);
-  return it == finishes_.end() ? 0 : it->second;
+  std::uint64_t finishes = 0;
+  for (const auto& [key, batch] : batches_) {
+    if (key.vrf == vrf) finishes += batch.finishes;
+  }
+  return finishes;
 }
 
 std::size_t RuleService::stagedOperations() const {
   std::size_t staged = 0;
-  for (const auto& [key, batch] : batches_) staged += batch.size();
+  for (const auto& [key, batch] : batches_) {
+    staged += batch.staged.size() + (batch.first.staged != Slot::Staged::kNothing);
+  }
   return staged;
 }
 

@@ -17,8 +17,13 @@
 //   plugin->init(rules.ptr());
 //   std::cout << rules->renderCalls() << rules->renderRules() << rules->renderIptables();
 //
-// Each operation costs O(log n) in the rules standing and staged; a finish
-// costs that for each operation of its batch.
+// Each batch keeps what its last finishes made stand under the keys it has
+// named, so that a registration or withdrawal finds out at once whether it
+// would change anything: it costs a hash lookup of its batch and O(log k) in
+// the k keys that batch has named. A finish costs O(log n) in the rules
+// standing for each operation of its batch that changes what stands, and
+// nothing more for the others: a refresh that sends every decision again and
+// changes nothing touches no ordered map.
 //
 // Threading: every call comes from the agent's event thread.
 #pragma once
@@ -30,6 +35,7 @@
 #include <optional>
 #include <string>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/Acl.h"
@@ -149,17 +155,122 @@ class RuleService : public Acl::PluginContext {
   std::string renderIptables() const;
 
  private:
-  using BatchKey = std::tuple<Acl::IptablesType, Acl::AclType, L3::VrfName, Zov::String>;
-  // A staged operation: a rule to put in force, or nothing to withdraw.
-  using Batch = std::map<RuleKey, std::optional<Rule>>;
+  using RuleMap = std::map<RuleKey, Rule>;
 
-  void stage(const RuleKey& key, std::optional<Rule> rule);
-  void logCall(RuleCall call);
+  // The four values that name a batch; every rule key belongs to exactly one.
+  struct BatchKey {
+    Acl::IptablesType iptablesType;
+    Acl::AclType aclType;
+    L3::VrfName vrf;
+    Zov::String chain;
+  };
+  // The same, borrowed from a call's arguments, to look a batch up without
+  // copying its names.
+  struct BatchKeyRef {
+    Acl::IptablesType iptablesType;
+    Acl::AclType aclType;
+    const L3::VrfName& vrf;
+    const Zov::String& chain;
+  };
+  struct BatchKeyHash {
+    using is_transparent = void;
+    std::size_t operator()(const BatchKey& key) const noexcept {
+      return (*this)(BatchKeyRef{key.iptablesType, key.aclType, key.vrf, key.chain});
+    }
+    std::size_t operator()(const BatchKeyRef& key) const noexcept;
+  };
+  struct BatchKeyEqual {
+    using is_transparent = void;
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const noexcept {
+      return a.iptablesType == b.iptablesType && a.aclType == b.aclType && a.vrf == b.vrf &&
+             a.chain == b.chain;
+    }
+  };
+
+  // The rest of a rule key, within its batch.
+  struct SlotKey {
+    Acl::AclDirection direction;
+    unsigned int sequence;
+    Zov::String owner;
+  };
+  struct SlotKeyRef {
+    Acl::AclDirection direction;
+    unsigned int sequence;
+    const Zov::String& owner;
+  };
+  struct SlotKeyLess {
+    using is_transparent = void;
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const noexcept {
+      if (a.direction != b.direction) return a.direction < b.direction;
+      if (a.sequence != b.sequence) return a.sequence < b.sequence;
+      return !a.owner.sharesDataWith(b.owner) && a.owner.view() < b.owner.view();
+    }
+  };
+
+  // One key a batch has named: the rule standing under it, and what the
+  // batch has staged for it since its last finish (the last call wins).
+  struct Slot {
+    enum class Staged : std::uint8_t {
+      kNothing,   // not named since the last finish
+      kKeep,      // named, and what the call asked for stands already
+      kPut,       // `pending` is to stand
+      kWithdraw,  // the rule standing is to go
+    };
+    Staged staged = Staged::kNothing;
+    // The finish (counted from 1) that last found it named.
+    std::uint64_t named = 0;
+    RuleMap::iterator standing;  // into `rules_`; its end when nothing stands
+    // A copy of what stands (the texts are shared), so that a call is
+    // weighed against it without a visit to `rules_`.
+    Rule standingRule;
+    Rule pending;  // while kPut; empty otherwise
+  };
+  using SlotMap = std::map<SlotKey, Slot, SlotKeyLess>;
+
+  // What a call looks at comes first, so that a refresh that changes nothing
+  // touches as few cache lines of each batch as it can.
+  struct Batch {
+    // The batch that was called on after this one last time. A plugin that
+    // refreshes names its batches in the same order every time, so this
+    // spares the lookup.
+    std::pair<const BatchKey, Batch>* next = nullptr;
+    std::uint64_t finishes = 0;
+    // Every key that stands in this batch has a slot, so a key without one
+    // holds no rule. The first key the batch named has its slot here, with
+    // the batch (most batches only ever name one); the others are in `more`.
+    // Slots of keys that hold no rule are kept while they are named again
+    // and again (every refresh withdraws what is not wanted).
+    std::optional<SlotKey> firstKey;
+    Slot first;
+    // The slots of `more` with something staged, in the order first named.
+    std::vector<SlotMap::iterator> staged;
+    SlotMap more;
+    std::size_t emptySlots = 0;  // slots of `more` under which nothing stands
+  };
+  using BatchMap = std::unordered_map<BatchKey, Batch, BatchKeyHash, BatchKeyEqual>;
+
+  BatchMap::value_type& batchOf(Acl::IptablesType iptablesType, Acl::AclType aclType,
+                                const L3::VrfName& vrf, const Zov::String& chain);
+  // The slot of a key in `batch`, made when the batch has none, marked as
+  // named before the batch's next finish.
+  Slot& namedSlot(Batch& batch, Acl::AclDirection direction, unsigned int sequence,
+                  const Zov::String& owner);
+  // Makes what `slot` has staged stand; whether that changed anything.
+  bool applyStaged(const BatchKey& batch, const SlotKey& key, Slot& slot);
+  // Drops slots that hold no rule and were not named by the finish just made,
+  // once there are more than `kEmptySlotsKept` of them and they are the
+  // majority: a key named once and withdrawn does not cost memory forever.
+  void dropEmptySlots(Batch& batch);
+  static constexpr std::size_t kEmptySlotsKept = 16;
 
   Zov::Ptr<Korvel::EntityManager> entityManager_;
-  std::map<RuleKey, Rule> rules_;
-  std::map<BatchKey, Batch> batches_;
-  std::map<L3::VrfName, std::uint64_t> finishes_;
+  RuleMap rules_;
+  BatchMap batches_;
+  // The batch of the last call: a finish names the batch its operations
+  // just did, and the next call most likely the batch after it.
+  BatchMap::value_type* lastBatch_ = nullptr;
   std::vector<RuleCall> log_;
   std::uint64_t calls_ = 0;
   bool callLog_ = true;

@@ -64,6 +64,48 @@ Zov::Ptr<Korvel::EntityManager> World::entityManager() const {
   return manager;
 }
 
+FloorState::FloorState(const World& world) {
+  for (const auto& [key, link] : world.status->linkStatus()) linkState.emplace(key, link->state());
+  for (const auto& [id, intf] : world.intfDir->intfStatus()) intfVrf.emplace(id, intf->vrf());
+  for (const auto& entry : world.vrfGlobal->vrf()) knownVrfs.push_back(entry.first);
+  for (const auto& entry : world.vrfLocal->vrf()) knownVrfs.push_back(entry.first);
+  gatewayEnabled = world.config->gatewayEnabled();
+  gatewaySetting = world.config->gatewaySetting();
+}
+
+namespace {
+constexpr auto kIpt = Acl::IptablesType::kIptables;
+constexpr auto kAcl = Acl::AclType::kControlPlane;
+constexpr auto kIn = Acl::AclDirection::kIn;
+}  // namespace
+
+[[gnu::noipa]] void floorRefresh(const FloorState& s, Acl::PluginContext& context) {
+  std::unordered_map<L3::VrfName, bool, McastDns::ZovHash<L3::VrfName>> vrfs;
+  for (const auto& [key, state] : s.linkState) {
+    auto intf = s.intfVrf.find(key.intfId);
+    if (intf != s.intfVrf.end() && state == McastDns::LinkStatus::kStateUp)
+      vrfs[intf->second] = true;
+  }
+  for (const auto& vrf : s.knownVrfs) vrfs.try_emplace(vrf, false);
+  vrfs.try_emplace(s.defaultVrf, false);
+  for (const auto& [vrf, needed] : vrfs) {
+    if (needed) {
+      context.registerChainRule(kIpt, kAcl, vrf, kIn, s.chain, s.owner, 0, s.mdnsRule, s.empty,
+                                s.empty, false, Acl::UniqueId());
+    } else {
+      context.unregisterChainRule(kIpt, kAcl, vrf, kIn, s.chain, s.owner, 0);
+    }
+    context.finishRegistration(kIpt, kAcl, vrf, s.chain);
+  }
+  if (s.gatewayEnabled && s.gatewaySetting != 0) {
+    context.registerChainRule(kIpt, kAcl, s.defaultVrf, kIn, s.chain, s.owner, 1, s.gatewayRule,
+                              s.empty, s.empty, false, Acl::UniqueId());
+  } else {
+    context.unregisterChainRule(kIpt, kAcl, s.defaultVrf, kIn, s.chain, s.owner, 1);
+  }
+  context.finishRegistration(kIpt, kAcl, s.defaultVrf, s.chain);
+}
+
 void releaseStateMachine(Zov::Ptr<McastDns::CpAclSm>& sm) {
   sm = nullptr;
   Pell::TaskSchedulerRoot::findOrCreateScheduler()->settle();

@@ -1,5 +1,6 @@
 // Shared pieces of the benchmarks: published state of a given size, a plugin
-// context that does nothing, and a state machine built over both.
+// context that does nothing, a state machine built over both, and the
+// refresh's floor.
 //
 //   World world(1024, 64);                       // 1024 links in state 1, 64 VRFs
 //   Zov::Ptr<NoopContext> context(new NoopContext);
@@ -18,6 +19,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "McastDns/AclPlugin/CpAclSm.h"
@@ -87,6 +89,30 @@ struct World {
   // The published links, by index, for writers that change them.
   std::vector<Zov::Ptr<McastDns::LinkStatus>> links;
 };
+
+// The published state of a world as plain data, for the floors: link key to
+// state, interface id to VRF name, the known VRFs, and the gateway settings.
+struct FloorState {
+  explicit FloorState(const World& world);
+
+  std::unordered_map<McastDns::IntfKey, std::uint8_t, McastDns::IntfKeyHash> linkState;
+  std::unordered_map<Dovix::IntfId, L3::VrfName> intfVrf;
+  std::vector<L3::VrfName> knownVrfs;
+  bool gatewayEnabled = false;
+  std::uint16_t gatewaySetting = 0;
+  Zov::String mdnsRule{"-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT\n"};
+  Zov::String gatewayRule{"-p tcp --dport 8853 -j ACCEPT\n"};
+  Zov::String chain{"INPUT"};
+  Zov::String owner{"McastDnsAclPlugin"};
+  Zov::String empty;
+  L3::VrfName defaultVrf = L3::VrfName::defaultVrf();
+};
+
+// The refresh's decisions over `floor`, computed the plainest way: the same
+// lookups, the same VRF table and the same 2V + 2 calls on `context` as the
+// refresh, and nothing of the framework. Out of line, so that it is a call
+// like the one it is compared with.
+void floorRefresh(const FloorState& floor, Acl::PluginContext& context);
 
 // Drops the state machine and runs whatever it left armed, so that the next
 // benchmark starts from an idle loop.

@@ -4,9 +4,10 @@
 // gets this table), but the console table comes at the end, in the order the
 // benchmarks are declared, with only the median of each when there are
 // repetitions (which may run in random order). It ends with the ratios that
-// matter: each refresh against its floor, the disabled trace against no
-// trace, and the rule service's refresh when every VRF changed against one
-// when none did.
+// matter: each refresh against its floor, start-up against its floor, the
+// rule service's refresh with nothing changed against the same refresh into a
+// context that only counts, the rule service's refresh when every VRF changed
+// against one when none did, and the disabled trace against no trace.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -52,6 +53,12 @@ class SummaryReporter : public benchmark::ConsoleReporter {
 
     printPairs("Refresh against its floor (CPU time per refresh)", "BM_Refresh/",
                "BM_RefreshFloor/", "refresh us", "floor us");
+    printPairs("Start-up against its floor (CPU time per start-up)", "BM_StartUp/",
+               "BM_StartUpFloor/", "start-up us", "floor us");
+    printPairs(
+        "Rule service, nothing changed, against a context that only counts (CPU time per refresh)",
+        "BM_RuleServiceRefresh/Unchanged/", "BM_RuleServiceRefresh/Counting/", "service us",
+        "counting us");
     printPairs("Rule service: every VRF changed against nothing changed (CPU time per refresh)",
                "BM_RuleServiceRefresh/Changed/", "BM_RuleServiceRefresh/Unchanged/", "changed us",
                "unchanged us");

@@ -9,72 +9,10 @@
 // prints it.
 #include <benchmark/benchmark.h>
 
-#include <unordered_map>
-#include <vector>
-
 #include "bench/BenchWorld.h"
 
 namespace bench {
 namespace {
-
-// The published state as plain data: link key to state, interface id to VRF
-// name, the known VRFs, and the gateway settings.
-struct FloorState {
-  explicit FloorState(const World& world) {
-    for (const auto& [key, link] : world.status->linkStatus())
-      linkState.emplace(key, link->state());
-    for (const auto& [id, intf] : world.intfDir->intfStatus()) intfVrf.emplace(id, intf->vrf());
-    for (const auto& entry : world.vrfGlobal->vrf()) knownVrfs.push_back(entry.first);
-    for (const auto& entry : world.vrfLocal->vrf()) knownVrfs.push_back(entry.first);
-    gatewayEnabled = world.config->gatewayEnabled();
-    gatewaySetting = world.config->gatewaySetting();
-  }
-
-  std::unordered_map<McastDns::IntfKey, std::uint8_t, McastDns::IntfKeyHash> linkState;
-  std::unordered_map<Dovix::IntfId, L3::VrfName> intfVrf;
-  std::vector<L3::VrfName> knownVrfs;
-  bool gatewayEnabled = false;
-  std::uint16_t gatewaySetting = 0;
-  Zov::String mdnsRule{"-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT\n"};
-  Zov::String gatewayRule{"-p tcp --dport 8853 -j ACCEPT\n"};
-  Zov::String chain{"INPUT"};
-  Zov::String owner{"McastDnsAclPlugin"};
-  Zov::String empty;
-  L3::VrfName defaultVrf = L3::VrfName::defaultVrf();
-};
-
-constexpr auto kIpt = Acl::IptablesType::kIptables;
-constexpr auto kAcl = Acl::AclType::kControlPlane;
-constexpr auto kIn = Acl::AclDirection::kIn;
-
-// The refresh's decisions, computed the plainest way. Kept out of line so
-// that it is a call like the one it is compared with.
-[[gnu::noipa]] void floorRefresh(const FloorState& s, Acl::PluginContext& context) {
-  std::unordered_map<L3::VrfName, bool, McastDns::ZovHash<L3::VrfName>> vrfs;
-  for (const auto& [key, state] : s.linkState) {
-    auto intf = s.intfVrf.find(key.intfId);
-    if (intf != s.intfVrf.end() && state == McastDns::LinkStatus::kStateUp)
-      vrfs[intf->second] = true;
-  }
-  for (const auto& vrf : s.knownVrfs) vrfs.try_emplace(vrf, false);
-  vrfs.try_emplace(s.defaultVrf, false);
-  for (const auto& [vrf, needed] : vrfs) {
-    if (needed) {
-      context.registerChainRule(kIpt, kAcl, vrf, kIn, s.chain, s.owner, 0, s.mdnsRule, s.empty,
-                                s.empty, false, Acl::UniqueId());
-    } else {
-      context.unregisterChainRule(kIpt, kAcl, vrf, kIn, s.chain, s.owner, 0);
-    }
-    context.finishRegistration(kIpt, kAcl, vrf, s.chain);
-  }
-  if (s.gatewayEnabled && s.gatewaySetting != 0) {
-    context.registerChainRule(kIpt, kAcl, s.defaultVrf, kIn, s.chain, s.owner, 1, s.gatewayRule,
-                              s.empty, s.empty, false, Acl::UniqueId());
-  } else {
-    context.unregisterChainRule(kIpt, kAcl, s.defaultVrf, kIn, s.chain, s.owner, 1);
-  }
-  context.finishRegistration(kIpt, kAcl, s.defaultVrf, s.chain);
-}
 
 // Both benchmarks check, before timing, that one pass makes exactly the calls
 // a refresh of this world must make; a mismatch would make the ratio

@@ -1,11 +1,14 @@
 // Start-up and teardown of the state machine over N interfaces, each with a
 // link status: the constructor's sweeps create 2N watchers and end in the
 // forced refresh. The start-up benchmark also reports what the watchers
-// occupy, from the framework's allocation records and from the heap.
+// occupy, from the framework's allocation records and from the heap; its
+// floor makes as many plain objects and runs the refresh's floor.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <memory>
 #include <string_view>
+#include <unordered_map>
 
 #include "McastDns/AclPlugin/McastDnsAclPlugin.h"
 #include "bench/BenchWorld.h"
@@ -79,6 +82,62 @@ void BM_StartUp(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_StartUp)->ArgName("N")->Arg(16)->Arg(1024)->Arg(16384)->Unit(benchmark::kMicrosecond);
+
+// The least a start-up must do: one plain object for each entry the sweeps
+// walk, made into a `std::unordered_map` under the entry's key, as many as
+// the state machine makes watchers (2N), and the refresh's floor
+// (`floorRefresh`). The objects hold what a watcher must: the entry and the
+// state machine. As in `BM_StartUp`, taking them down is left out.
+struct PlainWatcher {
+  const void* entry = nullptr;
+  const void* parent = nullptr;
+  bool initialized = false;
+};
+
+struct PlainWatchers {
+  std::unordered_map<McastDns::IntfKey, PlainWatcher, McastDns::IntfKeyHash> links;
+  std::unordered_map<Dovix::IntfId, PlainWatcher> intfs;
+};
+
+[[gnu::noipa]] void startUpFloor(const World& world, const FloorState& floor,
+                                 PlainWatchers& watchers, NoopContext& context) {
+  for (const auto& [id, intf] : world.intfDir->intfStatus()) {
+    watchers.intfs.try_emplace(id, PlainWatcher{intf.ptr(), &watchers, true});
+  }
+  for (const auto& [key, link] : world.status->linkStatus()) {
+    watchers.links.try_emplace(key, PlainWatcher{link.ptr(), &watchers, true});
+  }
+  floorRefresh(floor, context);
+}
+
+void BM_StartUpFloor(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  World world(n, kVrfs);
+  FloorState floor(world);
+  Zov::Ptr<NoopContext> context(new NoopContext);
+  {
+    PlainWatchers watchers;
+    startUpFloor(world, floor, watchers, *context);
+    if (watchers.links.size() != static_cast<std::size_t>(n) ||
+        watchers.intfs.size() != static_cast<std::size_t>(n) ||
+        context->finishes() != World::finishesPerRefresh(kVrfs)) {
+      state.SkipWithError("the floor did not make one object per entry and one refresh");
+    }
+  }
+  for (auto _ : state) {
+    auto watchers = std::make_unique<PlainWatchers>();
+    startUpFloor(world, floor, *watchers, *context);
+    state.PauseTiming();
+    watchers.reset();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(BM_StartUpFloor)
+    ->ArgName("N")
+    ->Arg(16)
+    ->Arg(1024)
+    ->Arg(16384)
+    ->Unit(benchmark::kMicrosecond);
 
 void BM_Teardown(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));

@@ -2,7 +2,7 @@
 
 namespace McastDns::Impl {
 
-constinit Zov::TraceHandle* defaultTraceHandle_ = nullptr;
+[[gnu::visibility("hidden")]] constinit Zov::TraceHandle* defaultTraceHandle_ = nullptr;
 
 Zov::TraceHandle& defaultTraceHandleIs() {
   // Built once, on first use, by whichever object traces first; the
@@ -10,6 +10,13 @@ Zov::TraceHandle& defaultTraceHandleIs() {
   static Zov::TraceHandle handle("McastDnsAclPlugin", false);
   defaultTraceHandle_ = &handle;
   return handle;
+}
+
+void traceRecordWrite(unsigned level, int line, const char* shortName, const char* text,
+                      const char* more) {
+  Zov::TraceHelper record(_defaultTraceHandle(), level, kTraceFile, line, shortName);
+  record.stream() << text;
+  if (more) record.stream() << more;
 }
 
 }  // namespace McastDns::Impl

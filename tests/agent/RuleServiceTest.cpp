@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <optional>
+#include <random>
+#include <tuple>
+
 namespace AclAgent {
 namespace {
 
@@ -187,6 +192,85 @@ TEST_F(RuleServiceTest, IptablesOutputStaysRestorable) {
             "*filter\n"
             "-A INPUT -j ACCEPT\n"
             "COMMIT\n");
+}
+
+// The service against the plainest model of its contract, over random calls:
+// every finish must tell the same "changed" and leave the same rules, however
+// the batches' calls mix, repeat and come back. Names are sometimes the same
+// objects from call to call and sometimes equal copies, as plugins send them.
+TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
+  using Batch = std::tuple<Acl::IptablesType, Acl::AclType, std::string, std::string>;
+  struct Model {
+    std::map<RuleKey, Rule> rules;
+    std::map<Batch, std::map<RuleKey, std::optional<Rule>>> staged;
+    std::map<std::string, std::uint64_t> finishes;
+  } model;
+  Zov::Ptr<RuleService> rules(new RuleService(nullptr));
+  rules->callLogIs(false);
+  std::optional<bool> heard;
+  rules->finishListenerIs([&](const L3::VrfName&, bool changed) { heard = changed; });
+
+  std::mt19937 random(17);
+  auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+  const std::vector<L3::VrfName> vrfs{L3::VrfName("default"), L3::VrfName("red"),
+                                      L3::VrfName("blue")};
+  const std::vector<Zov::String> chains{Zov::String("INPUT"), Zov::String("OUTPUT")};
+  const std::vector<Zov::String> owners{Zov::String("a"), Zov::String("b")};
+  const std::vector<Zov::String> texts{Zov::String("-j A\n"), Zov::String("-j B\n")};
+  // A name as the plugin would hold it, or an equal copy.
+  auto vrf = [&](int i) { return pick(4) ? vrfs[i] : L3::VrfName(vrfs[i].str()); };
+  auto chain = [&](int i) { return pick(4) ? chains[i] : Zov::String(chains[i].str()); };
+
+  std::uint64_t calls = 0;
+  for (int step = 0; step < 40000; ++step) {
+    const auto ipt = static_cast<Acl::IptablesType>(pick(2));
+    const int v = pick(3), c = pick(2);
+    const Batch batch{ipt, Acl::AclType::kControlPlane, vrfs[v].str(), chains[c].str()};
+    const RuleKey key{ipt, Acl::AclType::kControlPlane, vrfs[v],
+                      static_cast<Acl::AclDirection>(pick(2)), chains[c], owners[pick(2)],
+                      // In "blue", more keys than the service keeps empty.
+                      static_cast<unsigned>(v == 2 ? pick(40) : pick(3))};
+    ++calls;
+    const int what = pick(10);
+    if (what < 4) {
+      Rule rule{
+          texts[pick(2)], {}, {}, pick(8) == 0, pick(8) ? Acl::UniqueId() : Acl::UniqueId(1, 2)};
+      rules->registerChainRule(key.iptablesType, key.aclType, vrf(v), key.direction, chain(c),
+                               key.owner, key.sequence, rule.text, rule.text2, rule.text3,
+                               rule.flag, rule.uniqueId);
+      model.staged[batch].insert_or_assign(key, rule);
+    } else if (what < 7) {
+      rules->unregisterChainRule(key.iptablesType, key.aclType, vrf(v), key.direction, chain(c),
+                                 key.owner, key.sequence);
+      model.staged[batch].insert_or_assign(key, std::nullopt);
+    } else {
+      bool changed = false;
+      for (auto& [staged, rule] : model.staged[batch]) {
+        auto standing = model.rules.find(staged);
+        if (!rule) {
+          changed |= standing != model.rules.end();
+          if (standing != model.rules.end()) model.rules.erase(standing);
+        } else if (standing == model.rules.end() || !(standing->second == *rule)) {
+          changed = true;
+          model.rules.insert_or_assign(staged, *rule);
+        }
+      }
+      model.staged.erase(batch);
+      ++model.finishes[vrfs[v].str()];
+      heard.reset();
+      rules->finishRegistration(ipt, Acl::AclType::kControlPlane, vrf(v), chain(c));
+      ASSERT_EQ(heard, std::optional(changed)) << "step " << step;
+      ASSERT_TRUE(rules->rules() == model.rules) << "step " << step;
+    }
+    std::size_t staged = 0;
+    for (const auto& [b, ops] : model.staged) staged += ops.size();
+    ASSERT_EQ(rules->stagedOperations(), staged) << "step " << step;
+  }
+  for (const L3::VrfName& name : vrfs) {
+    EXPECT_EQ(rules->finishes(L3::VrfName(name.str())), model.finishes[name.str()]);
+  }
+  EXPECT_EQ(rules->calls(), calls);
+  EXPECT_FALSE(model.rules.empty()) << "the run should leave rules standing";
 }
 
 }  // namespace

@@ -225,7 +225,11 @@ class NotifieeList {
   // the changed entry for a keyed-collection attribute, and is null otherwise.
   // REQUIRES: the caller holds a reference to the notifier for the whole visit.
   void visit(AttributeId id, const void* key = nullptr) const {
-    if (word_ != 0) visitSome(id, key);
+    if (word_ & kBlock) {
+      visitBlock(id, key);
+    } else if (word_ != 0) {
+      visitOne(id, key);
+    }
   }
 
   std::size_t size() const;
@@ -242,7 +246,8 @@ class NotifieeList {
 
   void add(PtrInterface* notifiee);
   void remove(PtrInterface* notifiee);
-  void visitSome(AttributeId id, const void* key) const;
+  void visitOne(AttributeId id, const void* key) const;
+  void visitBlock(AttributeId id, const void* key) const;
   void endVisit() const;
   Block* block() const {
     return (word_ & kBlock) ? reinterpret_cast<Block*>(word_ & ~kBits) : nullptr;

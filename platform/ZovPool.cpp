@@ -57,20 +57,25 @@ void* SlabPool::allocate(std::size_t size) {
 
 void* SlabPool::allocateFromNewSlab(SizeClass& sizeClass, std::size_t blockBytes) {
   constexpr std::size_t kHeaderBytes = (sizeof(Slab) + 15) / 16 * 16;
+  // Each size class starts its blocks at another cache line of the first
+  // page, so that objects of different classes that are used together (a
+  // watcher, its reactor, the entity they watch) do not sit at the same
+  // offset of their pages, which makes a load wait on an unrelated store.
+  const std::size_t colour = (static_cast<std::size_t>(&sizeClass - classes_) * 5 % 32) * 64;
   void* memory = std::aligned_alloc(kSlabBytes, kSlabBytes);
   if (!memory) throw std::bad_alloc();
   auto* slab = static_cast<Slab*>(memory);
-  char* base = static_cast<char*>(memory);
+  char* first = static_cast<char*>(memory) + kHeaderBytes + colour;
   *slab = Slab{nullptr,
                nullptr,
                nullptr,
-               base + kHeaderBytes + blockBytes,
-               base + kSlabBytes,
+               first + blockBytes,
+               static_cast<char*>(memory) + kSlabBytes,
                1,
                static_cast<std::uint32_t>(blockBytes)};
   prepend(sizeClass, slab);
   ++slabs_;
-  return base + kHeaderBytes;
+  return first;
 }
 
 void SlabPool::deallocate(void* p, std::size_t size) noexcept {

@@ -9,8 +9,8 @@
 
 namespace {
 
-// Blocks per slab for 48-byte objects, header aside.
-constexpr std::size_t kPerSlab = Zov::SlabPool::kSlabBytes / 48 - 1;
+// Blocks per slab for 48-byte objects, at most.
+constexpr std::size_t kPerSlab = Zov::SlabPool::kSlabBytes / 48;
 
 TEST(SlabPoolTest, BlocksAreDistinctAlignedAndKeepTheirBytes) {
   Zov::SlabPool pool;
@@ -37,10 +37,12 @@ TEST(SlabPoolTest, FreedRoomIsUsedBeforeANewSlab) {
   Zov::SlabPool pool;
   std::vector<void*> blocks;
   while (pool.slabs() < 2) blocks.push_back(pool.allocate(48));
+  const std::size_t perSlab = blocks.size() - 1;
   // The first slab is full; a block freed there is the next one handed out.
   pool.deallocate(blocks[0], 48);
   EXPECT_EQ(pool.allocate(48), blocks[0]);
-  for (std::size_t i = 1; i < kPerSlab; ++i) blocks.push_back(pool.allocate(48));
+  // The second slab fills up before a third is made.
+  for (std::size_t i = 1; i < perSlab; ++i) blocks.push_back(pool.allocate(48));
   EXPECT_EQ(pool.slabs(), 2u);
   for (void* p : blocks) pool.deallocate(p, 48);
   EXPECT_EQ(pool.slabs(), 1u);

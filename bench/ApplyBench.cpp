@@ -153,14 +153,15 @@ bool restoreIn(const std::string& netns, const std::string& input, std::string* 
 }
 
 // Takes the backend's chain and jump out of VRF namespaces 1 to `vrfs`, one
-// iptables-restore each, so that the next converge starts from nothing.
-bool clearNamespaces(int vrfs, std::string* error) {
+// iptables-restore each, so that the next converge starts from nothing. On a
+// failure, skips the benchmark with the reason and returns false.
+bool clearNamespaces(benchmark::State& state, int vrfs) {
   for (int i = 1; i <= vrfs; ++i) {
     std::string why;
     const AclAgent::SavedTable saved = savedIn(vrfName(i), &why);
     if (!why.empty() || (!AclAgent::inPlace(saved, {}) &&
                          !restoreIn(vrfName(i), AclAgent::restoreInput(saved, {}).text, &why))) {
-      *error = why;
+      state.SkipWithError(why.c_str());
       return false;
     }
   }
@@ -387,11 +388,7 @@ void BM_Converge(benchmark::State& state) {
   auto loop = wallLoop();
   for (auto _ : state) {
     state.PauseTiming();
-    std::string error;
-    if (!clearNamespaces(vrfs, &error)) {
-      state.SkipWithError(error.c_str());
-      return;
-    }
+    if (!clearNamespaces(state, vrfs)) return;
     std::ostringstream errors;
     AclAgent::IptablesBackendOptions options = backendOptions();
     options.maxChildren = static_cast<unsigned>(state.range(1));
@@ -427,12 +424,9 @@ void BM_ConvergeFloor(benchmark::State& state) {
   }
   for (auto _ : state) {
     state.PauseTiming();
-    std::string error;
-    if (!clearNamespaces(vrfs, &error)) {
-      state.SkipWithError(error.c_str());
-      return;
-    }
+    if (!clearNamespaces(state, vrfs)) return;
     // Every namespace now holds what the first holds: the same input.
+    std::string error;
     const std::string input =
         AclAgent::restoreInput(savedIn(vrfName(1), &error), ChainRules{{"INPUT", {kMdns}}}).text;
     state.ResumeTiming();

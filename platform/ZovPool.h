@@ -5,7 +5,7 @@
 // at once (watchers, reactors). From a slab, an allocation is a pop from a free
 // list or a bump of a pointer, with no header per object, and freeing is a
 // push; a slab whose objects are all free goes back to the heap, unless it is
-// the last one its class has.
+// the one its class allocates from next.
 //
 // Usage:
 //
@@ -13,8 +13,9 @@
 //   void* p = pool.allocate(48);
 //   pool.deallocate(p, 48);      // the size given at allocation
 //
-// Sizes up to `kMaxSize` are pooled, rounded up to a multiple of 8; larger
-// ones go to `operator new`. A pool must outlive every block it handed out
+// Sizes up to `kMaxSize` are pooled, rounded up to a multiple of 8, and their
+// blocks are aligned to 8 bytes only: a type that needs more must not be
+// allocated here. Larger sizes go to `operator new`. A pool must outlive every block it handed out
 // (the process-wide pool is never destroyed).
 //
 // Threading: not thread-safe; `zovMemAlloc` locks around it while counted

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A stand-in for iptables-save and iptables-restore, for the faults that the
-# real programs cannot be made to show on demand: failing, hanging, refusing
-# one line, or a table that someone else edited.
+# real programs cannot be made to show on demand: failing, hanging, or a
+# table that someone else edited.
 #
 #   fake-iptables.sh save|restore [ARGS...]
 #
@@ -11,10 +11,8 @@
 #                      to it (:CHAIN, -A, -I CHAIN 1, -D by spec, -X)
 #   save-mode,         how the next runs behave, one line: "ok" (the default),
 #   restore-mode       "fail MESSAGE" (MESSAGE on standard error, status 1),
-#                      "hang" (until killed; its pid in $what.pid),
-#                      "slow SECONDS" (then ok), or,
-#                      for restore, "refuse TEXT" (the first input line
-#                      holding TEXT is refused as iptables-restore does)
+#                      "hang" (until killed; its pid in $what.pid), or
+#                      "slow SECONDS" (then ok)
 #   log                a line per run: "save" or "restore"
 #   restore.N          the input of the Nth restore run
 #   running            "+" when a run starts and "-" when it ends
@@ -53,15 +51,6 @@ case $mode in
     ;;
   slow)
     sleep "$arg"
-    ;;
-  refuse)
-    line=$(printf '%s\n' "$input" | grep -n -F -m 1 -- "$arg" | cut -d: -f1)
-    if [ -n "$line" ]; then
-      echo "iptables-restore v1.8.9 (nf_tables): unknown option \"$arg\"" >&2
-      echo "Error occurred at line: $line" >&2
-      echo "Try \`iptables-restore -h' or 'iptables-restore --help' for more information." >&2
-      exit 2
-    fi
     ;;
 esac
 

@@ -44,12 +44,14 @@ finish() {
 }
 
 # How many of three datagrams sent to 224.0.0.251:5353 from "h-NAME" here
-# arrived at INTF (default "v-NAME") in namespace NAME. Needs $probe.
+# arrived at INTF (default "v-NAME") in namespace NAME. Needs $probe. The
+# waits are generous: on a loaded machine the sanitizer builds of the probe
+# take a good part of a second to start.
 datagrams_into() {
   local name=$1 intf=${2:-v-$1}
-  ip netns exec "$name" "$probe" receive 224.0.0.251 5353 "$intf" 600 > "$work/received" &
+  ip netns exec "$name" "$probe" receive 224.0.0.251 5353 "$intf" 1500 > "$work/received" &
   local receiver=$!
-  for _ in $(seq 50); do grep -q listening "$work/received" 2> /dev/null && break; sleep 0.02; done
+  for _ in $(seq 500); do grep -q listening "$work/received" 2> /dev/null && break; sleep 0.02; done
   "$probe" send 224.0.0.251 5353 "h-$name" 3
   wait "$receiver"
   sed -n 's/^received //p' "$work/received"

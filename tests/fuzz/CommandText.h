@@ -2,11 +2,7 @@
 //
 // The line is what a user would write to get the command: names quoted with
 // `quoteName`, a link index only when it is not 0, durations in ns. Parsing
-// the line again gives an equal command:
-//
-//   const std::string line = commandText(command);
-//   assert(*parseLine(line, "x.scn", command.line).command == command);
-//
+// the line again gives an equal command.
 // An `echo` is written as "echo " and its text, which is printed as written.
 #pragma once
 

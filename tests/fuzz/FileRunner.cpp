@@ -34,10 +34,6 @@ std::vector<fs::path> inputs(const fs::path& arg) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::cerr << "usage: " << argv[0] << " FILE|DIRECTORY ...\n";
-    return 2;
-  }
   std::size_t ran = 0;
   for (int i = 1; i < argc; ++i) {
     for (const fs::path& file : inputs(argv[i])) {

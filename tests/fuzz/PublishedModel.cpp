@@ -22,29 +22,19 @@ StatePath vrfPath(VrfView view) {
   return view == VrfView::kGlobal ? StatePath::kVrfStatusGlobal : StatePath::kVrfStatusLocal;
 }
 
+template <class... Cmd>
+bool isOneOf(const CommandArgs& args) {
+  return (std::holds_alternative<Cmd>(args) || ...);
+}
+
 // The path a publishing command writes to.
 std::optional<StatePath> pathWritten(const CommandArgs& args) {
-  return std::visit(
-      Overloaded{
-          [](const GatewayEnabledCmd&) -> std::optional<StatePath> {
-            return StatePath::kMdnsConfig;
-          },
-          [](const GatewaySettingCmd&) -> std::optional<StatePath> {
-            return StatePath::kMdnsConfig;
-          },
-          [](const LinkSetCmd&) -> std::optional<StatePath> { return StatePath::kMdnsStatus; },
-          [](const LinkReplaceCmd&) -> std::optional<StatePath> { return StatePath::kMdnsStatus; },
-          [](const LinkDelCmd&) -> std::optional<StatePath> { return StatePath::kMdnsStatus; },
-          [](const IntfSetCmd&) -> std::optional<StatePath> { return StatePath::kL3IntfStatus; },
-          [](const IntfReplaceCmd&) -> std::optional<StatePath> {
-            return StatePath::kL3IntfStatus;
-          },
-          [](const IntfDelCmd&) -> std::optional<StatePath> { return StatePath::kL3IntfStatus; },
-          [](const VrfAddCmd& c) -> std::optional<StatePath> { return vrfPath(c.view); },
-          [](const VrfDelCmd& c) -> std::optional<StatePath> { return vrfPath(c.view); },
-          [](const auto&) -> std::optional<StatePath> { return std::nullopt; },
-      },
-      args);
+  if (isOneOf<GatewayEnabledCmd, GatewaySettingCmd>(args)) return StatePath::kMdnsConfig;
+  if (isOneOf<LinkSetCmd, LinkReplaceCmd, LinkDelCmd>(args)) return StatePath::kMdnsStatus;
+  if (isOneOf<IntfSetCmd, IntfReplaceCmd, IntfDelCmd>(args)) return StatePath::kL3IntfStatus;
+  if (const auto* c = std::get_if<VrfAddCmd>(&args)) return vrfPath(c->view);
+  if (const auto* c = std::get_if<VrfDelCmd>(&args)) return vrfPath(c->view);
+  return std::nullopt;
 }
 
 }  // namespace
@@ -181,24 +171,17 @@ void PublishedModel::refreshed() {
 }
 
 std::string PublishedModel::rulesText() const {
-  std::string text;
-  auto line = [&](const std::string& vrf, unsigned seq, const std::string& rule) {
-    text += "rule ipt=0 acl=0 vrf=" + quoteName(vrf) + kRuleFields + std::to_string(seq) +
-            " rule=" + quoteName(rule) + "\n";
-  };
-  bool gatewayShown = !gatewayRule_;
+  // In the service's order: by VRF, then sequence number.
+  std::map<std::pair<std::string, unsigned>, const std::string*> rules;
   for (const auto& [vrf, stands] : mdnsRule_) {
-    if (!gatewayShown && kDefaultVrf < vrf) {
-      line(kDefaultVrf, 1, kGatewayRule);
-      gatewayShown = true;
-    }
-    if (stands) line(vrf, 0, kMdnsRule);
-    if (!gatewayShown && vrf == kDefaultVrf) {
-      line(kDefaultVrf, 1, kGatewayRule);
-      gatewayShown = true;
-    }
+    if (stands) rules[{vrf, 0}] = &kMdnsRule;
   }
-  if (!gatewayShown) line(kDefaultVrf, 1, kGatewayRule);
+  if (gatewayRule_) rules[{kDefaultVrf, 1}] = &kGatewayRule;
+  std::string text;
+  for (const auto& [key, rule] : rules) {
+    text += "rule ipt=0 acl=0 vrf=" + quoteName(key.first) + kRuleFields +
+            std::to_string(key.second) + " rule=" + quoteName(*rule) + "\n";
+  }
   return text.empty() ? "no rules\n" : text;
 }
 

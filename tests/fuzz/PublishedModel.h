@@ -10,16 +10,9 @@
 // one of its interfaces needs the rule, every other one listed and "default"
 // do not) and the gateway rule; a VRF that later leaves every input keeps its
 // last decision. So the rules that stand are the decisions of all refreshes,
-// the latest winning, and the model needs to know only when refreshes ran:
-//
-//   PublishedModel model;
-//   agent.run(command, out);               // did not raise
-//   model.ran(command.args);
-//   if (calls went up) model.refreshed();  // a refresh ran, on the bound inputs
-//   assert(renderRules() == model.rulesText());
-//
-// After `settle`, every change the plugin reads must have been followed by a
-// refresh: `refreshDue()` tells.
+// the latest winning, and the model needs to know only when refreshes ran
+// (the rule service's calls went up: `refreshed()`). After `settle`, every
+// change the plugin reads must have been followed by a refresh: `refreshDue()`.
 #pragma once
 
 #include <array>
@@ -74,8 +67,6 @@ class PublishedModel {
   };
   using Contents = std::array<std::shared_ptr<Content>, AclAgent::kStatePaths.size()>;
 
-  // The content a publishing command writes, or null for other commands.
-  std::shared_ptr<Content>& written(const AclAgent::CommandArgs& args);
   void publish(const AclAgent::CommandArgs& args, Content& content);
   // Mount completion: the plugin takes the present entities.
   void bind();

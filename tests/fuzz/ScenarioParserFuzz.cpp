@@ -26,17 +26,21 @@ unsigned lineCount(std::string_view text) {
   return lines;
 }
 
+// Errors and commands name lines of the text, in order.
+void checkLine(unsigned line, unsigned& previous, unsigned lines, const std::string& what) {
+  check(line > previous && line <= lines, what + " on line " + std::to_string(line) +
+                                              " after line " + std::to_string(previous) + " of " +
+                                              std::to_string(lines));
+  previous = line;
+}
+
 void checkErrors(const ParsedScenario& parsed, unsigned lines) {
   check(parsed.commands.empty(), "a scenario that does not parse kept " +
                                      std::to_string(parsed.commands.size()) + " commands");
   unsigned previous = 0;
   for (const ParseError& e : parsed.errors) {
-    check(e.file == kFile, "error names file \"" + e.file + "\": " + e.text());
-    check(e.line > previous && e.line <= lines,
-          "error on line " + std::to_string(e.line) + " after line " + std::to_string(previous) +
-              " of " + std::to_string(lines) + ": " + e.text());
-    check(!e.message.empty(), "error without a message on line " + std::to_string(e.line));
-    previous = e.line;
+    check(e.file == kFile && !e.message.empty(), "error " + quoteName(e.text()));
+    checkLine(e.line, previous, lines, "error " + e.text());
   }
 }
 
@@ -44,19 +48,12 @@ void checkCommands(const ParsedScenario& parsed, unsigned lines) {
   unsigned previous = 0;
   for (const Command& command : parsed.commands) {
     const std::string line = AclAgentFuzz::commandText(command.args);
-    check(command.line > previous && command.line <= lines,
-          "command on line " + std::to_string(command.line) + " after line " +
-              std::to_string(previous) + " of " + std::to_string(lines) + ": " + line);
-    previous = command.line;
+    checkLine(command.line, previous, lines, "command " + quoteName(line));
     const ParsedLine again = parseLine(line, kFile, command.line);
-    check(!again.error, "written back as " + quoteName(line) + ", line " +
-                            std::to_string(command.line) +
-                            " does not parse: " + (again.error ? again.error->text() : ""));
     check(again.command && *again.command == command,
           "written back as " + quoteName(line) + ", line " + std::to_string(command.line) +
-              " parses to another command" +
-              (again.command ? ": " + quoteName(AclAgentFuzz::commandText(again.command->args))
-                             : std::string(" (none)")));
+              (again.error ? " does not parse: " + again.error->text()
+                           : " parses to another command"));
   }
 }
 

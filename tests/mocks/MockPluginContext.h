@@ -7,37 +7,25 @@
 //   Zov::Ptr<testing::StrictMock<MockPluginContext>> context(
 //       new testing::StrictMock<MockPluginContext>());
 //   EXPECT_CALL(*context, finishRegistration(_, _, L3::VrfName("red"), Zov::String("INPUT")));
-//
-// The `PrintTo` overloads below make GoogleMock show texts, VRF names,
-// unique ids and the enums readably (texts quoted, with C escapes) when an
-// expectation fails.
 #pragma once
 
 #include <gmock/gmock.h>
 
-#include <cstdio>
 #include <ostream>
-#include <string_view>
 
 #include "platform/Acl.h"
 
-namespace MockPrinting {
 // Texts print quoted, so that a rule text's trailing newline shows in a
 // failure message.
-inline void printQuoted(std::string_view text, std::ostream* os) {
-  *os << Zov::quotedText(text);
-}
-}  // namespace MockPrinting
-
 namespace Zov {
 inline void PrintTo(const String& s, std::ostream* os) {
-  MockPrinting::printQuoted(s.view(), os);
+  *os << quotedText(s.view());
 }
 }  // namespace Zov
 
 namespace L3 {
 inline void PrintTo(const VrfName& s, std::ostream* os) {
-  MockPrinting::printQuoted(s.view(), os);
+  *os << Zov::quotedText(s.view());
 }
 }  // namespace L3
 

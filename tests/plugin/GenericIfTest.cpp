@@ -1,7 +1,7 @@
 // The plugin's type module and its generic attribute interface, as a tool
-// sees them: every type numbers its attributes in order, objects report their
-// type, and reads, writes, calls, collection operations and construction by
-// id reach the types' own behaviour.
+// sees them: every type numbers its attributes in order, and writes, calls
+// and construction by id reach the types' own behaviour. Reads are shown by
+// the golden scenario generic-show.
 #include "McastDns/AclPlugin/PluginTypes.h"
 
 #include <string>
@@ -84,16 +84,6 @@ class GenericIfTest : public StateMachineTest {
   }
 };
 
-TEST_F(GenericIfTest, EachObjectReportsItsTypeInThePluginsModule) {
-  const CpAclSm& sm = *sm_;
-  EXPECT_STREQ(Zov::genericIfType(sm).name, "McastDns::CpAclSm");
-  EXPECT_STREQ(Zov::genericIfType(*sm.linkStatusAclSm(keyOf("Ethernet1"))).name,
-               "McastDns::LinkStatusAclSm");
-  EXPECT_STREQ(Zov::genericIfType(*sm.l3IntfStatusAclSm(idOf("Ethernet1"))).name,
-               "McastDns::L3IntfStatusAclSm");
-  EXPECT_STREQ(Zov::genericIfType(*aclPluginFactory("McastDns")).name, "McastDns::AclPlugin");
-}
-
 TEST_F(GenericIfTest, ConstructionTakesTheCreationsValuesAndReadsThemBack) {
   const Values smArgs{1, config_, status_, intfDir_, vrfGlobal_, vrfLocal_, context_};
   const auto sm =
@@ -116,17 +106,6 @@ TEST_F(GenericIfTest, WrittenRuleTextIsSentByTheNextRefresh) {
                                            ::testing::_, ::testing::_, ::testing::_, 0u, rule,
                                            ::testing::_, ::testing::_, ::testing::_, ::testing::_));
   Zov::genericIfCall(*sm_, CpAclSm::kHandleRefreshAcls, Values{true});
-}
-
-TEST_F(GenericIfTest, RefreshTaskIsReplacedAndRemovedById) {
-  Zov::genericIfAttributeIs(*sm_, CpAclSm::kRefreshAclsTask, Values{scheduler_, 5, "otherTask"});
-  const auto task = sm_->refreshAclsTask();
-  EXPECT_EQ(task->taskName(), Zov::String("otherTask"));
-  EXPECT_EQ(task->taskPriority(), Pell::TaskPriority(5));
-  EXPECT_EQ(
-      Zov::genericIfAttributeDel(*sm_, CpAclSm::kRefreshAclsTask).asReference<Pell::TimerTask>(),
-      task);
-  EXPECT_TRUE(Zov::genericIfAttributeDel(*sm_, CpAclSm::kRefreshAclsTask).isNone());
 }
 
 TEST_F(GenericIfTest, CallsRunTheHandlersWithKeysGivenAsTextAndFlagsUseTheirSetters) {
@@ -153,22 +132,6 @@ TEST_F(GenericIfTest, CallsRunTheHandlersWithKeysGivenAsTextAndFlagsUseTheirSett
   EXPECT_TRUE(sm.dirtyAcl());
   Zov::genericIfAttributeIs(sm, CpAclSm::kInitialized, Values{false});
   EXPECT_FALSE(sm.initialized());
-}
-
-TEST_F(GenericIfTest, CollectionsOfferLookupAddRemoveAndWalk) {
-  CpAclSm& sm = *sm_;
-  EXPECT_EQ(Zov::genericIfMember(sm, CpAclSm::kLinkStatusAclSm, GenericValue("Ethernet1#0"))
-                .asReference<LinkStatusAclSm>(),
-            sm.linkStatusAclSm(keyOf("Ethernet1")));
-  Zov::Ptr<const L3::Intf::Status> eth3(
-      new L3::Intf::Status(idOf("Ethernet3"), L3::VrfName("blue")));
-  const GenericValue added = Zov::genericIfMemberIs(sm, CpAclSm::kL3IntfStatusAclSm, Values{eth3});
-  EXPECT_EQ(added.asReference<L3IntfStatusAclSm>()->l3IntfStatus(), eth3);
-  EXPECT_EQ(Zov::genericIfMembers(sm, CpAclSm::kL3IntfStatusAclSm).size(), 2u);
-  EXPECT_EQ(Zov::genericIfMemberDel(sm, CpAclSm::kL3IntfStatusAclSm, GenericValue("Ethernet3")),
-            added);
-  EXPECT_TRUE(
-      Zov::genericIfMemberDel(sm, CpAclSm::kL3IntfStatusAclSm, GenericValue("Ethernet3")).isNone());
 }
 
 TEST_F(GenericIfTest, RefusalsNameWhatWasWrongAndChangeNothing) {

@@ -61,7 +61,6 @@ class TraceCapture {
     return std::count_if(records_.begin(), records_.end(),
                          [&](const Zov::TraceRecord& r) { return r.text == text; });
   }
-  void clear() { records_.clear(); }
 
  private:
   std::function<void(const Zov::TraceRecord&)> hook_;

@@ -13,10 +13,8 @@ namespace AclAgent {
 namespace {
 
 constexpr auto kIpt = Acl::IptablesType::kIptables;
-constexpr auto kIp6 = Acl::IptablesType::kIp6tables;
 constexpr auto kCp = Acl::AclType::kControlPlane;
 constexpr auto kIn = Acl::AclDirection::kIn;
-constexpr auto kOut = Acl::AclDirection::kOut;
 
 class RuleServiceTest : public ::testing::Test {
  protected:
@@ -49,13 +47,13 @@ TEST_F(RuleServiceTest, TheCallLogShowsEveryFieldAndNothingWhileOff) {
 TEST_F(RuleServiceTest, IptablesOutputStaysRestorable) {
   // Out of order on purpose: chains sort bytewise, rules by owner then seq.
   put(kIpt, kIn, "red", "INPUT", "b", 0, "-j B0\n");
-  put(kIpt, kOut, "red", "INPUT", "a", 1, "-j A1\n");
+  put(kIpt, Acl::AclDirection::kOut, "red", "INPUT", "a", 1, "-j A1\n");
   put(kIpt, kIn, "red", "INPUT", "a", 0, "-j A0\n");
   put(kIpt, kIn, "red", "MDNS", "a", 0, "-j ACCEPT\n");
   put(kIpt, kIn, "red", "INPUT", "c", 0, "-j ACCEPT\n-j DROP\n");
   put(kIpt, kIn, "red", "INPUT", "c", 1, "\n");
   put(kIpt, kIn, "red", "IN PUT", "a", 0, "-j ACCEPT\n");
-  put(kIp6, kIn, "red", "INPUT", "a", 0, "-j ACCEPT\n");
+  put(Acl::IptablesType::kIp6tables, kIn, "red", "INPUT", "a", 0, "-j ACCEPT\n");
   // A text without its trailing newline is written as it stands.
   put(kIpt, kIn, "red", "OUTPUT", "a", 0, "-j \"q\\\"");
 
@@ -107,8 +105,8 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
   auto vrf = [&](int i) { return pick(4) ? vrfs[i] : L3::VrfName(vrfs[i].str()); };
   auto chain = [&](int i) { return pick(4) ? chains[i] : Zov::String(chains[i].str()); };
 
-  std::uint64_t calls = 0;
-  for (int step = 0; step < 40000; ++step) {
+  constexpr int kSteps = 40000;  // one call a step
+  for (int step = 0; step < kSteps; ++step) {
     const auto ipt = static_cast<Acl::IptablesType>(pick(2));
     const int v = pick(3), c = pick(2);
     const Batch batch{ipt, Acl::AclType::kControlPlane, vrfs[v].str(), chains[c].str()};
@@ -116,7 +114,6 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
                       static_cast<Acl::AclDirection>(pick(2)), chains[c], owners[pick(2)],
                       // In "blue", more keys than the service keeps empty.
                       static_cast<unsigned>(v == 2 ? pick(40) : pick(3))};
-    ++calls;
     const int what = pick(10);
     if (what < 4) {
       // Every field of a registration counts, not just its text.
@@ -156,7 +153,7 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
   for (const L3::VrfName& name : vrfs) {
     EXPECT_EQ(rules->finishes(L3::VrfName(name.str())), model.finishes[name.str()]);
   }
-  EXPECT_EQ(rules->calls(), calls);
+  EXPECT_EQ(rules->calls(), std::uint64_t{kSteps});
   EXPECT_FALSE(model.rules.empty()) << "the run should leave rules standing";
 }
 

@@ -1,4 +1,4 @@
-#include "CommandText.h"
+#include "FuzzSupport.h"
 
 #include "agent/Overloaded.h"
 #include "agent/Text.h"

@@ -1,11 +1,13 @@
 // What the fuzz targets share: how a property that does not hold ends the
-// run, and the file name inputs are parsed under.
+// run, the file name inputs are parsed under, and a parsed command written
+// back as a scenario line.
 #pragma once
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <string_view>
+
+#include "agent/Scenario.h"
 
 namespace AclAgentFuzz {
 
@@ -21,5 +23,10 @@ inline const std::string kFile = "fuzz.scn";
 inline void check(bool holds, const std::string& what) {
   if (!holds) fail(what);
 }
+
+// The line a user would write to get the command: names quoted with
+// `quoteName`, a link index only when it is not 0, durations in ns. Parsing
+// the line again gives an equal command; an `echo` keeps its text as written.
+std::string commandText(const AclAgent::CommandArgs& args);
 
 }  // namespace AclAgentFuzz

@@ -1,12 +1,6 @@
 // A GoogleMock of the ACL agent's plugin context, for tests of what a plugin
-// tells the agent.
-//
-// It is a counted object: create it with `new` and hold it in a `Zov::Ptr`,
-// as the agent's own context is held.
-//
-//   Zov::Ptr<testing::StrictMock<MockPluginContext>> context(
-//       new testing::StrictMock<MockPluginContext>());
-//   EXPECT_CALL(*context, finishRegistration(_, _, L3::VrfName("red"), Zov::String("INPUT")));
+// tells the agent. It is a counted object: create it with `new` and hold it
+// in a `Zov::Ptr`, as the agent's own context is held.
 #pragma once
 
 #include <gmock/gmock.h>

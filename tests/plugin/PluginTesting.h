@@ -1,20 +1,11 @@
 // What the plugin's tests watch it through, whether they link its classes or
 // load its shared object: its trace records and its live objects. Both go by
 // name, so nothing here needs the plugin's own code.
-//
-//   TraceCapture trace(1u << 8);            // handler entries, while it lives
-//   ... ;
-//   EXPECT_EQ(trace.count("void McastDns::CpAclSm::handleLinkChange()"), 1);
-//
-//   const auto before = pluginObjects();
-//   ... build and drop a state machine ...
-//   EXPECT_EQ(pluginObjects(), before);     // nothing left behind
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -74,20 +65,6 @@ class TraceCapture {
 inline std::uint64_t liveObjects(const char* record) {
   const Zov::AllocTrackTypeInfo* info = Zov::AllocTrackTypeInfo::find(record);
   return info ? info->liveObjects() : 0;
-}
-
-// The live objects of everything a state machine builds, by record.
-inline std::map<std::string, std::uint64_t> pluginObjects() {
-  std::map<std::string, std::uint64_t> counts;
-  for (const char* record :
-       {"McastDns::AclPlugin", "McastDns::CpAclSm", "McastDns::CpAclSm::ZovMcastDnsConfig",
-        "McastDns::CpAclSm::ZovMcastDnsStatus", "McastDns::CpAclSm::ZovL3IntfStatusDir",
-        "McastDns::CpAclSm::ZovRefreshAclsTask", "McastDns::LinkStatusAclSm",
-        "McastDns::LinkStatusAclSm::ZovLinkStatus", "McastDns::L3IntfStatusAclSm",
-        "McastDns::L3IntfStatusAclSm::ZovL3IntfStatus", "Pell::TimerTask"}) {
-    counts[record] = liveObjects(record);
-  }
-  return counts;
 }
 
 }  // namespace PluginTesting

@@ -51,16 +51,16 @@ class StateMachineTest : public ::testing::Test {
         vrfLocal_(new Ip::AllVrfStatusLocal("local")),
         context_(new ::testing::NiceMock<MockPluginContext>()),
         scheduler_(Pell::TaskSchedulerRoot::findOrCreateScheduler()) {
-    ON_CALL(context(), registerChainRule)
+    ON_CALL(*context_, registerChainRule)
         .WillByDefault([this](auto, auto, L3::VrfName vrf, auto, auto&, auto&, unsigned sequence,
                               const auto&...) {
           calls_.push_back({Call::kRegister, vrf.str(), sequence});
         });
-    ON_CALL(context(), unregisterChainRule)
+    ON_CALL(*context_, unregisterChainRule)
         .WillByDefault([this](auto, auto, L3::VrfName vrf, auto, auto&, auto&, unsigned sequence) {
           calls_.push_back({Call::kUnregister, vrf.str(), sequence});
         });
-    ON_CALL(context(), finishRegistration)
+    ON_CALL(*context_, finishRegistration)
         .WillByDefault([this](auto, auto, L3::VrfName vrf, const auto&) {
           calls_.push_back({Call::kFinish, vrf.str()});
         });
@@ -71,9 +71,6 @@ class StateMachineTest : public ::testing::Test {
     scheduler_->settle();
   }
 
-  ::testing::NiceMock<MockPluginContext>& context() { return *context_; }
-
-  // Builds the state machine over the fixture's entities.
   CpAclSm& start() {
     sm_ = CpAclSm::CpAclSmIs(Dovix::AddressFamily::kIpv4, config_, status_, intfDir_, vrfGlobal_,
                              vrfLocal_, context_);

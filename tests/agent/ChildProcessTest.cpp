@@ -7,12 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 namespace AclAgent {
@@ -33,10 +30,6 @@ std::uint64_t signalField(const std::string& status, const std::string& field) {
   }
   ADD_FAILURE() << "no " << field << " in\n" << status;
   return 0;
-}
-
-constexpr std::uint64_t bit(int sig) {
-  return std::uint64_t{1} << (sig - 1);
 }
 
 TEST(ChildProcessTest, TheChildGetsBackItsSignalsAndNoneOfTheAgentsDescriptors) {
@@ -74,31 +67,19 @@ TEST(ChildProcessTest, TheChildGetsBackItsSignalsAndNoneOfTheAgentsDescriptors) 
   // Ignored signals stay ignored, but for those a program expects on their
   // default action, such as SIGPIPE.
   const std::uint64_t childIgnores = signalField(status.out, "SigIgn");
-  EXPECT_NE(childIgnores & bit(SIGUSR2), 0u);
-  EXPECT_EQ(childIgnores & bit(SIGPIPE), 0u);
+  EXPECT_NE(childIgnores & (1u << (SIGUSR2 - 1)), 0u);
+  EXPECT_EQ(childIgnores & (1u << (SIGPIPE - 1)), 0u);
 
   ASSERT_TRUE(fds.ok()) << fds.failure << fds.err;
   EXPECT_THAT("\n" + fds.out, HasSubstr("\n2\n"));
   EXPECT_THAT("\n" + fds.out, Not(HasSubstr("\n" + std::to_string(stray) + "\n")));
 }
 
-TEST(ChildProcessTest, AChildThatCannotRunItsProgramOrEnterItsNamespaceEndsSayingWhy) {
-  char folder[] = "/tmp/acl-child-XXXXXX";
-  ASSERT_NE(::mkdtemp(folder), nullptr);
-  // Not executable, even by root.
-  const std::string notProgram = std::string(folder) + "/not-a-program";
-  std::ofstream(notProgram) << "#!/bin/sh\n";
-  ::chmod(notProgram.c_str(), 0644);
-  const int notNamespace = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ASSERT_GE(notNamespace, 0);
-
-  // The backend's tests meet both through start(); --remove-applied uses run().
-  EXPECT_EQ(ChildProcess::run({notProgram, {}, -1, ""}, kTimeout).failure,
-            "cannot run \"" + notProgram + "\": Permission denied");
-  EXPECT_EQ(ChildProcess::run({"true", {}, notNamespace, ""}, kTimeout).failure,
-            "cannot enter the network namespace: Invalid argument");
-  ::close(notNamespace);
-  std::filesystem::remove_all(folder);
+TEST(ChildProcessTest, AChildThatCannotRunItsProgramEndsSayingWhy) {
+  // --remove-applied runs its children with run(); the backend's tests meet
+  // the same through start(), a namespace that cannot be entered included.
+  EXPECT_EQ(ChildProcess::run({"/dev/null", {}, -1, ""}, kTimeout).failure,
+            "cannot run \"/dev/null\": Permission denied");
 }
 
 }  // namespace

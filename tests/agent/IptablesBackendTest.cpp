@@ -1,9 +1,7 @@
-// The iptables backend's faults, driven with fake-iptables.sh standing in for
-// iptables-save and iptables-restore, on the loop's virtual clock: failures,
-// retries and their delays, timeouts, chains that cannot be owned, namespaces
-// that do not exist, and the limit on children. What it does to the real
-// kernel, rules that iptables-restore refuses included, is tested in
-// kernel/IptablesKernelTest.cpp.
+// The iptables backend's faults that the real programs cannot show on demand,
+// with fake-iptables.sh standing in for iptables-save and iptables-restore, on
+// the loop's virtual clock. What it does to the real kernel, rules that
+// iptables-restore refuses included, is tested in kernel/IptablesKernelTest.cpp.
 #include "agent/IptablesBackend.h"
 
 #include <gmock/gmock.h>
@@ -86,7 +84,6 @@ class IptablesBackendTest : public ::testing::Test {
     ADD_FAILURE() << "no VRF " << vrf;
     return {};
   }
-  Pell::Nanoseconds dueIn() const { return loop_->nextDue() - loop_->now(); }
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
   std::string dir_;
@@ -111,7 +108,7 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
   for (Pell::Nanoseconds delay :
        {100, 200, 400, 800, 1600, 3200, 6400, 12800, 25600, 30000, 30000}) {
     ASSERT_EQ(loop_->armedTasks(), 1u);
-    EXPECT_EQ(dueIn(), delay * kMs);
+    EXPECT_EQ(loop_->nextDue() - loop_->now(), delay * kMs);
     loop_->advance(delay * kMs - 1);
     settle();
     EXPECT_EQ(runs("restore"), writes);
@@ -119,7 +116,6 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
     settle();
     EXPECT_EQ(runs("restore"), ++writes);
   }
-  EXPECT_EQ(status("default").writes, static_cast<std::uint64_t>(writes));
 
   // New rules are tried at once; once the program works again the latest
   // rules stand, and the next failure starts again from 100 ms.
@@ -134,7 +130,7 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
   modeIs("restore", "fail " + why);
   backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
   settle();
-  EXPECT_EQ(dueIn(), 100 * kMs);
+  EXPECT_EQ(loop_->nextDue() - loop_->now(), 100 * kMs);
 }
 
 TEST_F(IptablesBackendTest, AChainWhoseOwnedChainWouldBeTooLongIsReportedOnceAndLeftOut) {
@@ -182,7 +178,6 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   options_.resyncPeriod = 90'000 * kMs;
   backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
   settle();
-  EXPECT_EQ(runs("save"), 1);
   loop_->advance(90'000 * kMs - 1);
   settle();
   EXPECT_EQ(runs("save"), 1);
@@ -213,7 +208,6 @@ TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesF
   settle();
   EXPECT_THAT(errors_.str(), StartsWith("acl-agent: apply vrf \"red\": cannot enter the network "
                                         "namespace: "));
-  EXPECT_EQ(runs("save"), 0);
 
   errors_.str("");
   for (int twice = 0; twice < 2; ++twice) {
@@ -225,7 +219,6 @@ TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesF
             "acl-agent: apply vrf \"..\": \"..\" is not a namespace name\n"
             "acl-agent: apply vrf \"a/b\": a namespace name cannot hold '/'\n");
   EXPECT_EQ(status("a/b").state, State::kFailed);
-  EXPECT_EQ(runs("save"), 0);
 }
 
 TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMoved) {
@@ -253,7 +246,6 @@ TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMo
   loop_->advance(100 * kMs);
   settle();
   EXPECT_EQ(status("default").state, State::kOk);
-  EXPECT_EQ(runs("restore"), 1);
 
   // Moved to another folder on PATH: the file found before is gone, which
   // is reported, and the retry finds it where it is now.
@@ -280,10 +272,8 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
         "v" + std::to_string(i),
         ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
   }
-  EXPECT_EQ(loop_->workInFlight(), 2u);
   // v1 is being read back: its write, after that, has these rules.
   backend().vrfSeen("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
-  EXPECT_EQ(loop_->workInFlight(), 2u);
   settle();
 
   int running = 0, most = 0;
@@ -293,12 +283,10 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
   }
   EXPECT_EQ(most, 2);
   EXPECT_EQ(runs("restore"), 5);
-  bool latest = false;
-  for (int n = 1; n <= 5; ++n) {
-    EXPECT_THAT(restoreInput(n), Not(HasSubstr("--dport 1 ")));
-    latest = latest || restoreInput(n).find("--dport 1001 ") != std::string::npos;
-  }
-  EXPECT_TRUE(latest);
+  std::string written;
+  for (int n = 1; n <= 5; ++n) written += restoreInput(n);
+  EXPECT_THAT(written, HasSubstr("--dport 1001 "));
+  EXPECT_THAT(written, Not(HasSubstr("--dport 1 ")));
   for (const auto& s : backend().statuses()) EXPECT_EQ(s.writes, 1u) << s.vrf;
 }
 

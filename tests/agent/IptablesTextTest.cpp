@@ -26,42 +26,22 @@ std::string sample(const std::string& name) {
   return text.str();
 }
 
-// `text` with every line holding `from` replaced by `to` (removed when empty).
-std::string edited(const std::string& text, const std::string& from, const std::string& to) {
-  std::istringstream in(text);
-  std::string out, line;
-  while (std::getline(in, line)) {
-    if (line.find(from) == std::string::npos) {
-      out += line + "\n";
-    } else if (!to.empty()) {
-      out += to + "\n";
-    }
-  }
-  return out;
-}
-
-TEST(IptablesTextTest, ReadsRealSaveOutputItsTagsAndQuotesAndTheOtherFamilysWarning) {
+TEST(IptablesTextTest, ReadsRealSaveOutputItsQuotesAndTheOtherFamilysWarning) {
   const SavedTable nft = parseSave(sample("nft-in-place.save"));
   ASSERT_EQ(nft.chains.size(), 5u);
   EXPECT_TRUE(nft.chains.at("FORWARD").empty());
-  EXPECT_EQ(nft.chains.at("INPUT").at(2).target, "SOMEONE-ELSE");
-  // The kernel writes our rules back in its own words; the tags survive. They
-  // must not change between versions: a restarted agent knows its rules by them.
-  const std::vector<SavedRule>& owned = nft.chains.at("ACLAGENT-INPUT");
-  ASSERT_EQ(owned.size(), 2u);
-  EXPECT_EQ(owned[0].tag, ruleTag(kMdns));
-  EXPECT_EQ(owned[1].tag, ruleTag(kGateway));
   // Someone else's quoted comment, escapes and all.
   EXPECT_THAT(nft.chains.at("SOMEONE-ELSE")[0].words,
               ElementsAre("-p", "tcp", "-m", "tcp", "--dport", "22", "-m", "comment", "--comment",
                           "ssh \"admin\" access", "-j", "ACCEPT"));
 
   EXPECT_TRUE(otherFamilyPresent(sample("nft-beside-legacy.err")));
-  EXPECT_FALSE(otherFamilyPresent(""));
 }
 
 TEST(IptablesTextTest, InPlaceOnlyWhenTheOwnedChainsAndJumpsAreExactlyWhatMustStand) {
-  const std::string good = sample("nft-in-place.save");
+  // The kernel writes our rules back in its own words; the tags survive. They
+  // must not change between versions: a restarted agent knows its rules by them.
+  std::string good = sample("nft-in-place.save");
   const ChainRules wanted{{"INPUT", {kMdns, kGateway}}};
   EXPECT_TRUE(inPlace(parseSave(good), wanted));
 
@@ -70,14 +50,10 @@ TEST(IptablesTextTest, InPlaceOnlyWhenTheOwnedChainsAndJumpsAreExactlyWhatMustSt
   EXPECT_FALSE(inPlace(parseSave(good), {{"INPUT", {kMdns, kGateway}}, {"OUTPUT", {kMdns}}}));
 
   // The drifts that kernel/IptablesKernelTest.cpp does not make for real.
-  const std::map<std::string, std::string> drifts{
-      {"jump with a match",
-       edited(good, "-A INPUT -j ACLAGENT-INPUT", "-A INPUT -i eth0 -j ACLAGENT-INPUT")},
-      {"owned chain of another chain", good + "*filter\n:ACLAGENT-OUTPUT - [0:0]\nCOMMIT\n"},
-  };
-  for (const auto& [drift, text] : drifts) {
-    EXPECT_FALSE(inPlace(parseSave(text), wanted)) << drift << ":\n" << text;
-  }
+  EXPECT_FALSE(inPlace(parseSave(good + "*filter\n:ACLAGENT-OUTPUT - [0:0]\nCOMMIT\n"), wanted))
+      << "owned chain of another chain";
+  good.insert(good.find("-A INPUT -j ACLAGENT-INPUT") + 9, "-i eth0 ");
+  EXPECT_FALSE(inPlace(parseSave(good), wanted)) << "jump with a match";
 }
 
 TEST(IptablesTextTest, RestoreInputRepairsTheOwnedChainsAndJumpsAndNamesNothingElse) {
@@ -118,23 +94,13 @@ TEST(IptablesTextTest, RestoreInputRepairsTheOwnedChainsAndJumpsAndNamesNothingE
             std::string::npos);
 }
 
-// Messages as the real programs print them, for input whose line 4 is the bad
-// rule. The missing target that nft names only at COMMIT and legacy at its
-// line is met for real in kernel/IptablesKernelTest.cpp.
-TEST(IptablesTextTest, BlamesTheRuleThatTheRealErrorMessagesName) {
-  const std::string bad = "-p udp --bogus 1 -j ACCEPT";
+// Messages as the real programs print them that the kernel does not show on
+// demand. A refused option, and the missing target that nft names only at
+// COMMIT and legacy at its line, are met for real in
+// kernel/IptablesKernelTest.cpp.
+TEST(IptablesTextTest, BlamesOnlyTheLinesOfOursThatTheRealErrorMessagesName) {
   RestoreInput input;
-  input.lines = {{},
-                 {Kind::kChain, "INPUT", ""},
-                 {Kind::kRule, "INPUT", kMdns},
-                 {Kind::kRule, "INPUT", bad},
-                 {Kind::kRule, "INPUT", kGateway},
-                 {},
-                 {}};
-  const std::string nftOption =
-      "iptables-nft-restore v1.8.9 (nf_tables): unknown option \"--bogus\"\n"
-      "Error occurred at line: 4\n"
-      "Try `iptables-nft-restore -h' or 'iptables-nft-restore --help' for more information.\n";
+  input.lines = {{}, {Kind::kChain, "INPUT", ""}, {}, {}, {}, {}};
   const std::string legacyLine = "iptables-restore: line 2 failed\n";
   const std::string nftDelete =
       "iptables-nft-restore: line 6 failed: Bad rule (does a matching rule exist in that "
@@ -143,16 +109,13 @@ TEST(IptablesTextTest, BlamesTheRuleThatTheRealErrorMessagesName) {
       "iptables-nft-restore v1.8.9 (nf_tables): \n"
       "line 6: CHAIN_DEL failed (Device or resource busy): chain ACLAGENT-INPUT\n";
 
-  EXPECT_EQ(failingLine(nftDelete), 6u);
   EXPECT_EQ(failingLine(nftCommit), 6u);
   EXPECT_EQ(failingLine("iptables-restore: cannot open lock file\n"), std::nullopt);
 
-  EXPECT_EQ(blamedLine(input, nftOption)->rule, bad);
   EXPECT_EQ(blamedLine(input, legacyLine)->kind, Kind::kChain);
   EXPECT_EQ(blamedLine(input, nftDelete), std::nullopt);  // a jump's deletion: no rule to blame
   EXPECT_EQ(blamedLine(input, nftCommit), std::nullopt);
 
-  EXPECT_EQ(errorSummary(nftOption), "unknown option \"--bogus\"");
   EXPECT_EQ(errorSummary(nftCommit),
             "line 6: CHAIN_DEL failed (Device or resource busy): chain ACLAGENT-INPUT");
   EXPECT_EQ(errorSummary("a\tb\n" + std::string(300, 'x')).size(), kErrorBytes);

@@ -62,6 +62,23 @@ void BM_LinkStateIs_PendingRefresh(benchmark::State& state) {
 }
 BENCHMARK(BM_LinkStateIs_PendingRefresh);
 
+// A link's status removed from the published collection and put back, with
+// nobody listening: what the collection's own bookkeeping costs a flapping
+// link. N = 12,288 fills the collection's index to its load limit, where a
+// removal followed by an insertion must not rebuild the index each time.
+void BM_LinkStatusDelAndIs(benchmark::State& state) {
+  const int links = static_cast<int>(state.range(0));
+  World world(links, 1);
+  std::size_t i = 0;
+  for (auto _ : state) {
+    const Zov::Ptr<McastDns::LinkStatus>& link = world.links[i];
+    world.status->linkStatusDel(link->intfKey());
+    world.status->linkStatusIs(link);
+    i = i + 1 == world.links.size() ? 0 : i + 1;
+  }
+}
+BENCHMARK(BM_LinkStatusDelAndIs)->ArgName("N")->Arg(1024)->Arg(12288)->Arg(16384);
+
 // K changes spread over the links, then the timer's run: one refresh of 1024
 // links over 64 VRFs, whatever K is. Each link touched goes down and comes
 // back up, so that the refresh always finds every link in state 1 and costs

@@ -258,9 +258,12 @@ class FlatIndex {
     return HashHelper::rehash(Hash()(key)) & (state_.size() - 1);
   }
   std::size_t next(std::size_t i) const { return (i + 1) & (state_.size() - 1); }
+  // Half full after a rebuild, so that a quarter of the slots must be used
+  // up before the next one: a key removed and added again over and over, at
+  // any size, costs one rebuild per many changes rather than one each.
   void rebuild(std::size_t count) {
     std::size_t capacity = 8;
-    while (count * 4 > capacity * 3) capacity <<= 1;
+    while (count * 2 > capacity) capacity <<= 1;
     std::vector<Slot> oldSlots(capacity);
     std::vector<std::uint8_t> oldState(capacity, kEmpty);
     oldSlots.swap(slots_);
@@ -281,7 +284,8 @@ class FlatIndex {
 // The collection of a published entity: at most one counted entry per key.
 // Mutators report whether anything changed, so that the owner announces only
 // real changes. Lookups and walks do not change the collection; a walk may
-// remove the entry it is at through `erase(iterator)`.
+// remove the entry it is at through `erase(iterator)`, and no other entry:
+// it holds an iterator a few entries ahead.
 //
 // A walk fetches each entry into the cache a few entries before it reaches it,
 // so that a reader of every entry (the refresh, over every link) does not wait

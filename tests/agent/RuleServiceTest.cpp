@@ -104,6 +104,7 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
   // A name as the plugin would hold it, or an equal copy.
   auto vrf = [&](int i) { return pick(4) ? vrfs[i] : L3::VrfName(vrfs[i].str()); };
   auto chain = [&](int i) { return pick(4) ? chains[i] : Zov::String(chains[i].str()); };
+  auto owner = [&](const Zov::String& o) { return pick(4) ? o : Zov::String(o.str()); };
 
   constexpr int kSteps = 40000;  // one call a step
   for (int step = 0; step < kSteps; ++step) {
@@ -121,12 +122,12 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
                 pick(8) ? Zov::String() : texts[1], pick(8) == 0,
                 pick(8) ? Acl::UniqueId() : Acl::UniqueId(1, 2)};
       rules->registerChainRule(key.iptablesType, key.aclType, vrf(v), key.direction, chain(c),
-                               key.owner, key.sequence, rule.text, rule.text2, rule.text3,
+                               owner(key.owner), key.sequence, rule.text, rule.text2, rule.text3,
                                rule.flag, rule.uniqueId);
       model.staged[batch].insert_or_assign(key, rule);
     } else if (what < 7) {
       rules->unregisterChainRule(key.iptablesType, key.aclType, vrf(v), key.direction, chain(c),
-                                 key.owner, key.sequence);
+                                 owner(key.owner), key.sequence);
       model.staged[batch].insert_or_assign(key, std::nullopt);
     } else {
       bool changed = false;

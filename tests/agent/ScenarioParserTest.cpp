@@ -24,6 +24,7 @@ int __sanitizer_install_malloc_and_free_hooks(void (*onAlloc)(const volatile voi
 std::size_t __sanitizer_get_allocated_size(const volatile void* p);
 }
 
+namespace {
 long long heapHeld = 0;
 long long heapPeak = 0;
 
@@ -43,6 +44,7 @@ long long peakBytes(Run run) {
   __sanitizer_install_malloc_and_free_hooks(nullptr, nullptr);
   return heapPeak;
 }
+}  // namespace
 #endif
 
 namespace AclAgent {

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A stand-in for iptables-save and iptables-restore, for the faults that the
-# real programs cannot be made to show on demand: failing, hanging, or a
-# table that someone else edited.
+# real programs cannot be made to show on demand: failing, hanging or slow.
+# It keeps a table of its own, so that a read-back finds what was written.
 #
 #   fake-iptables.sh save|restore [ARGS...]
 #

@@ -1,3 +1,6 @@
+// The slab pool behind the framework's counted objects: blocks apart and kept,
+// room reused before a slab is added, empty slabs returned, and sizes past
+// the largest class left to the heap.
 #include "platform/ZovPool.h"
 
 #include <gtest/gtest.h>

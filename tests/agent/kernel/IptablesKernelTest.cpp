@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "agent/IptablesBackend.h"
@@ -26,6 +27,7 @@ using State = IptablesBackend::State;
 
 const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
 const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
+const std::regex kCounters(R"(\[[0-9]+:[0-9]+\])");
 
 // Runs `command` with sh; its output, standard error included.
 std::string shell(const std::string& command) {
@@ -110,7 +112,12 @@ class IptablesKernelTest : public ::testing::Test {
   }
   // The filter table without comment lines and counters.
   std::string saved(const std::string& netns) {
-    return iptables(netns, "-save -t filter | grep -v '^#' | sed 's/\\[[0-9]*:[0-9]*\\]/[0:0]/'");
+    std::istringstream in(iptables(netns, "-save -t filter"));
+    std::string out;
+    for (std::string line; std::getline(in, line);) {
+      if (!line.starts_with("#")) out += std::regex_replace(line, kCounters, "[0:0]") + "\n";
+    }
+    return out;
   }
   // Whether `netns` holds `rules` in place, as the backend reads it back.
   bool holds(const std::string& netns, const ChainRules& rules) {

@@ -17,6 +17,7 @@ namespace {
 
 using PluginTesting::liveObjects;
 using PluginTesting::TraceCapture;
+using ::testing::_;
 using ::testing::NiceMock;
 using ::testing::Return;
 
@@ -130,6 +131,9 @@ TEST_F(PluginLoadTest, UnloadingTearsEverythingDownAndNeverStartsThePluginAgain)
 
   // Nothing starts the plugin again once it is unloaded.
   EXPECT_CALL(*context_, entityManager()).Times(0);
+  EXPECT_CALL(*context_, registerChainRule(_, _, _, _, _, _, _, _, _, _, _, _)).Times(0);
+  EXPECT_CALL(*context_, unregisterChainRule(_, _, _, _, _, _, _)).Times(0);
+  EXPECT_CALL(*context_, finishRegistration(_, _, _, _)).Times(0);
 
   host_.unloadAll();
   EXPECT_EQ(dlopen(kPluginPath, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the object stayed mapped";

@@ -16,11 +16,11 @@
 #include <iostream>
 #include <optional>
 
-#include "agent/Agent.h"
-#include "agent/CommandLine.h"
-#include "agent/LineInput.h"
-#include "agent/LiveMode.h"
-#include "agent/Output.h"
+#include "agent/host/Agent.h"
+#include "agent/cli/CommandLine.h"
+#include "agent/cli/LineInput.h"
+#include "agent/live/LiveMode.h"
+#include "agent/cli/Output.h"
 
 namespace {
 

@@ -45,10 +45,10 @@
 #include <string>
 #include <vector>
 
-#include "agent/BackgroundTimer.h"
-#include "agent/ChildProcess.h"
-#include "agent/IptablesBackend.h"
-#include "agent/IptablesText.h"
+#include "agent/os/BackgroundTimer.h"
+#include "agent/os/ChildProcess.h"
+#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/iptables/IptablesText.h"
 
 namespace bench {
 namespace {

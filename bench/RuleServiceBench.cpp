@@ -10,7 +10,7 @@
 // summary can tell what the service adds.
 #include <benchmark/benchmark.h>
 
-#include "agent/RuleService.h"
+#include "agent/host/RuleService.h"
 #include "bench/BenchWorld.h"
 
 namespace bench {

@@ -1,7 +1,7 @@
 #include "FuzzSupport.h"
 
-#include "agent/Overloaded.h"
-#include "agent/Text.h"
+#include "agent/base/Overloaded.h"
+#include "agent/base/Text.h"
 
 namespace AclAgentFuzz {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "agent/Scenario.h"
+#include "agent/scenario/Scenario.h"
 
 namespace AclAgentFuzz {
 

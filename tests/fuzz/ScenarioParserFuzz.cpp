@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "FuzzSupport.h"
-#include "agent/Scenario.h"
-#include "agent/Text.h"
+#include "agent/scenario/Scenario.h"
+#include "agent/base/Text.h"
 
 namespace {
 

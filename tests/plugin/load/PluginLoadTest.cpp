@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "McastDns/AclPlugin/McastDnsAclPlugin.h"
-#include "agent/PluginHost.h"
+#include "agent/host/PluginHost.h"
 #include "mocks/MockPluginContext.h"
 #include "platform/Cell.h"
 #include "plugin/PluginTesting.h"

@@ -1,0 +1,150 @@
+#include "agent/live/LiveMode.h"
+
+#include <dirent.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "agent/backend/iptables/IptablesText.h"
+#include "agent/base/Text.h"
+
+namespace AclAgent {
+
+namespace {
+const std::string kDefaultVrf = "default";
+// How often, and how many times, a namespace file that is not mounted yet is
+// tried again.
+constexpr Pell::Nanoseconds kRetryDelay = 20'000'000;
+constexpr int kRetries = 50;
+}  // namespace
+
+std::optional<std::string> LiveMode::vrfOfNamespace(const std::string& netnsTemplate,
+                                                    const std::string& name) {
+  const std::size_t at = netnsTemplate.find("%s");
+  if (at == std::string::npos) return std::nullopt;
+  const std::string prefix = netnsTemplate.substr(0, at);
+  const std::string suffix = netnsTemplate.substr(at + 2);
+  if (name.size() <= prefix.size() + suffix.size() || !name.starts_with(prefix) ||
+      !name.ends_with(suffix)) {
+    return std::nullopt;
+  }
+  std::string vrf = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+  // The template must give this very name back (it may hold "%s" twice).
+  if (netnsName(netnsTemplate, vrf) != name || vrf == kDefaultVrf) return std::nullopt;
+  return vrf;
+}
+
+LiveMode::LiveMode(const Zov::Ptr<Pell::TaskSchedulerRoot>& loop, StateDatabase& db,
+                   LiveOptions options, std::ostream& errors,
+                   std::function<void(const std::string&)> namespaceAppeared)
+    : loop_(loop),
+      options_(std::move(options)),
+      errors_(errors),
+      state_(db, options_.mdnsGlobs),
+      retry_(loop, "namespaceRetryTask", [this] { retryPending(); }) {
+  follow(kDefaultVrf, "");
+  inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (inotify_ < 0 || inotify_add_watch(inotify_, options_.netnsDir.c_str(),
+                                        IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM) < 0) {
+    errors_ << "acl-agent: cannot follow namespaces in " << quoteName(options_.netnsDir) << ": "
+            << std::strerror(errno) << " (only VRF default is followed)\n";
+  } else {
+    loop_->fdWatchIs(inotify_, [this] { readNamespaceEvents(); });
+  }
+  if (DIR* dir = opendir(options_.netnsDir.c_str())) {
+    while (dirent* entry = readdir(dir)) namespaceIs(entry->d_name);
+    closedir(dir);
+  }
+  // Only namespaces that appear later are news to the backend.
+  namespaceAppeared_ = std::move(namespaceAppeared);
+}
+
+LiveMode::~LiveMode() {
+  if (inotify_ >= 0) {
+    loop_->fdWatchDel(inotify_);
+    close(inotify_);
+  }
+}
+
+unsigned LiveMode::dumps() const {
+  unsigned total = 0;
+  for (const auto& [vrf, monitor] : monitors_) total += monitor->dumps();
+  return total;
+}
+
+bool LiveMode::dumped() const {
+  for (const auto& [vrf, monitor] : monitors_) {
+    if (monitor->dumping()) return false;
+  }
+  return true;
+}
+
+void LiveMode::follow(const std::string& vrf, const std::string& netnsPath) {
+  LinkMonitor::Handlers handlers{
+      [this, vrf](int index, const KernelLink& link) { state_.linkIs(vrf, index, link); },
+      [this, vrf](int index) { state_.linkDel(vrf, index); },
+      [this, vrf] { state_.dumpBegin(vrf); },
+      [this, vrf] { state_.dumpEnd(vrf); },
+  };
+  monitors_[vrf] = std::make_unique<LinkMonitor>(*loop_, netnsPath, std::move(handlers));
+}
+
+void LiveMode::namespaceIs(const std::string& name) {
+  const std::optional<std::string> vrf = vrfOfNamespace(options_.netnsTemplate, name);
+  if (!vrf || netnsNameFault(name)) return;
+  // A namespace made again under the same name is a new one.
+  if (monitors_.count(*vrf)) namespaceDel(name);
+  // The VRF is known before its links are reported.
+  state_.vrfIs(*vrf);
+  try {
+    follow(*vrf, options_.netnsDir + "/" + name);
+    pending_.erase(*vrf);
+    if (namespaceAppeared_) namespaceAppeared_(*vrf);
+  } catch (const std::runtime_error& e) {
+    state_.vrfDel(*vrf);
+    // `ip netns add` makes the file first and mounts the namespace on it
+    // after: try again shortly, and give up with a report.
+    if (++pending_[*vrf] > kRetries) {
+      pending_.erase(*vrf);
+      errors_ << "acl-agent: vrf " << quoteName(*vrf) << ": " << e.what() << "\n";
+      return;
+    }
+    retry_.armIn(kRetryDelay);
+  }
+}
+
+void LiveMode::namespaceDel(const std::string& name) {
+  const std::optional<std::string> vrf = vrfOfNamespace(options_.netnsTemplate, name);
+  if (!vrf) return;
+  pending_.erase(*vrf);
+  monitors_.erase(*vrf);
+  state_.vrfDel(*vrf);
+}
+
+void LiveMode::retryPending() {
+  std::vector<std::string> names;
+  for (const auto& [vrf, attempts] : pending_) {
+    names.push_back(netnsName(options_.netnsTemplate, vrf));
+  }
+  for (const std::string& name : names) namespaceIs(name);
+}
+
+void LiveMode::readNamespaceEvents() {
+  alignas(inotify_event) char buffer[4096];
+  while (true) {
+    const ssize_t n = read(inotify_, buffer, sizeof buffer);
+    if (n <= 0) return;
+    for (ssize_t at = 0; at < n;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+      if (event->len == 0) continue;
+      const std::string name = event->name;
+      if (event->mask & (IN_CREATE | IN_MOVED_TO)) namespaceIs(name);
+      if (event->mask & (IN_DELETE | IN_MOVED_FROM)) namespaceDel(name);
+    }
+  }
+}
+
+}  // namespace AclAgent

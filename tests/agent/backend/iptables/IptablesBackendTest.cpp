@@ -1,0 +1,294 @@
+// The iptables backend's faults that the real programs cannot show on demand,
+// with fake-iptables.sh standing in for iptables-save and iptables-restore, on
+// the loop's virtual clock. What it does to the real kernel, rules that
+// iptables-restore refuses included, is tested in kernel/IptablesKernelTest.cpp.
+#include "agent/backend/iptables/IptablesBackend.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace AclAgent {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using State = IptablesBackend::State;
+
+constexpr Pell::Nanoseconds kMs = 1'000'000;
+const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
+const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
+
+class IptablesBackendTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char folder[] = "/tmp/acl-iptables-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    dir_ = folder;
+    for (const char* what : {"save", "restore"}) {
+      const std::string path = dir_ + "/" + what;
+      std::ofstream(path) << "#!/bin/sh\nexec bash '" << FAKE_IPTABLES_SCRIPT << "' " << what
+                          << " \"$@\"\n";
+      ::chmod(path.c_str(), 0755);
+    }
+    std::filesystem::create_directory(dir_ + "/netns");
+    ::setenv("FAKE_IPTABLES_DIR", dir_.c_str(), 1);
+    options_.iptablesSave = dir_ + "/save";
+    options_.iptablesRestore = dir_ + "/restore";
+    options_.netnsDir = dir_ + "/netns";
+    options_.resyncPeriod = 0;
+    options_.childTimeout = 2'000 * kMs;
+  }
+  void TearDown() override {
+    backend_.reset();
+    EXPECT_EQ(loop_->workInFlight(), 0u);
+    EXPECT_EQ(loop_->armedTasks(), 0u);
+    EXPECT_EQ(loop_->fdWatches(), 0u);
+    std::filesystem::remove_all(dir_);
+  }
+
+  IptablesBackend& backend() {
+    if (!backend_) backend_ = std::make_unique<IptablesBackend>(loop_, options_, errors_);
+    return *backend_;
+  }
+  void settle() { ASSERT_TRUE(loop_->settle()); }
+  // How the fake's next runs of `what` ("save" or "restore") behave.
+  void modeIs(const std::string& what, const std::string& mode) {
+    std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
+  }
+  std::string file(const std::string& name) const {
+    std::ifstream in(dir_ + "/" + name);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  int runs(const std::string& what) const {
+    std::istringstream log(file("log"));
+    int n = 0;
+    for (std::string line; std::getline(log, line);) n += line == what;
+    return n;
+  }
+  std::string restoreInput(int n) const { return file("restore." + std::to_string(n)); }
+  IptablesBackend::VrfStatus status(const std::string& vrf) {
+    for (const auto& s : backend().statuses()) {
+      if (s.vrf == vrf) return s;
+    }
+    ADD_FAILURE() << "no VRF " << vrf;
+    return {};
+  }
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  std::string dir_;
+  IptablesBackendOptions options_;
+  std::ostringstream errors_;
+  std::unique_ptr<IptablesBackend> backend_;
+};
+
+TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatestRules) {
+  const std::string why = "Fatal: can't open lock file /run/xtables.lock: Permission denied";
+  const std::string report =
+      "acl-agent: apply vrf \"default\": " + dir_ + "/restore failed: " + why;
+  modeIs("restore", "fail " + why);
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + "\n");
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(status("default").error, dir_ + "/restore failed: " + why);
+
+  // 100 ms, doubling, up to 30 s; nothing runs before the delay is up.
+  int writes = 1;
+  for (Pell::Nanoseconds delay :
+       {100, 200, 400, 800, 1600, 3200, 6400, 12800, 25600, 30000, 30000}) {
+    ASSERT_EQ(loop_->armedTasks(), 1u);
+    EXPECT_EQ(loop_->nextDue() - loop_->now(), delay * kMs);
+    loop_->advance(delay * kMs - 1);
+    settle();
+    EXPECT_EQ(runs("restore"), writes);
+    loop_->advance(1);
+    settle();
+    EXPECT_EQ(runs("restore"), ++writes);
+  }
+
+  // New rules are tried at once; once the program works again the latest
+  // rules stand, and the next failure starts again from 100 ms.
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  EXPECT_EQ(runs("restore"), ++writes);
+  modeIs("restore", "ok");
+  loop_->advance(30'000 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_THAT(restoreInput(runs("restore")), HasSubstr(kGateway));
+  modeIs("restore", "fail " + why);
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(loop_->nextDue() - loop_->now(), 100 * kMs);
+}
+
+TEST_F(IptablesBackendTest, AChainWhoseOwnedChainWouldBeTooLongIsReportedOnceAndLeftOut) {
+  const std::string longChain(20, 'C');  // its owned chain's name would be 29 bytes
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}, {longChain, {kMdns}}});
+  settle();
+  const std::string report = "acl-agent: apply vrf \"default\": chain \"" + longChain +
+                             "\" cannot be applied: its owned chain \"ACLAGENT-" + longChain +
+                             "\" would be 29 bytes, over iptables' limit of 28\n";
+  EXPECT_EQ(errors_.str(), report);
+  ASSERT_EQ(runs("restore"), 1);
+  EXPECT_THAT(restoreInput(1), Not(HasSubstr(longChain)));
+  EXPECT_EQ(status("default").state, State::kFailed);
+  backend().resync();
+  settle();
+  EXPECT_EQ(errors_.str(), report);
+}
+
+TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried) {
+  options_.childTimeout = 200 * kMs;
+  modeIs("save", "hang");
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
+                               "/save did not finish within 0.2 s and was killed\n");
+  const pid_t hung = std::stoi(file("save.pid"));
+  EXPECT_EQ(::kill(hung, 0), -1);  // killed and reaped
+  EXPECT_EQ(errno, ESRCH);
+  EXPECT_EQ(status("default").writes, 0u);
+
+  modeIs("save", "ok");
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(status("default").writes, 1u);
+
+  // A backend that goes kills what it still runs: TearDown checks.
+  modeIs("save", "hang");
+  backend().resync();
+  EXPECT_EQ(loop_->workInFlight(), 1u);
+}
+
+// What a resync repairs is tested against the real kernel.
+TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
+  options_.resyncPeriod = 90'000 * kMs;
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  loop_->advance(90'000 * kMs - 1);
+  settle();
+  EXPECT_EQ(runs("save"), 1);
+  loop_->advance(1);
+  settle();
+  EXPECT_EQ(runs("save"), 2);
+  loop_->advance(90'000 * kMs);
+  settle();
+  EXPECT_EQ(runs("save"), 3);
+  EXPECT_EQ(runs("restore"), 1);
+}
+
+TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesFail) {
+  const ChainRules rules{{"INPUT", {kMdns}}};
+  backend().vrfSeen("red", rules);
+  backend().vrfSeen("blue", ChainRules{});
+  settle();
+  // No rule has to stand where there is no namespace for it.
+  EXPECT_EQ(status("blue").state, State::kOk);
+  EXPECT_EQ(status("red").error, "no namespace");
+  EXPECT_EQ(runs("save"), 0);
+  EXPECT_EQ(errors_.str(), "");  // waiting is not an error
+
+  // It is tried again as soon as the VRF is seen with its namespace there
+  // (here a file that is not a namespace, which the child cannot enter).
+  std::ofstream(dir_ + "/netns/red") << "";
+  backend().vrfSeen("red", std::nullopt);
+  settle();
+  EXPECT_THAT(errors_.str(), StartsWith("acl-agent: apply vrf \"red\": cannot enter the network "
+                                        "namespace: "));
+
+  errors_.str("");
+  for (int twice = 0; twice < 2; ++twice) {
+    for (const char* name : {"", "..", "a/b"}) backend().vrfSeen(name, rules);
+  }
+  settle();
+  EXPECT_EQ(errors_.str(),
+            "acl-agent: apply vrf \"\": the namespace name is empty\n"
+            "acl-agent: apply vrf \"..\": \"..\" is not a namespace name\n"
+            "acl-agent: apply vrf \"a/b\": a namespace name cannot hold '/'\n");
+  EXPECT_EQ(status("a/b").state, State::kFailed);
+}
+
+TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMoved) {
+  // The programs by name, on a PATH whose first two folders do not hold them
+  // yet.
+  const std::string first = dir_ + "/bin1", second = dir_ + "/bin2";
+  std::filesystem::create_directory(first);
+  std::filesystem::create_directory(second);
+  const std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
+  struct PathBack {
+    std::string path;
+    ~PathBack() { ::setenv("PATH", path.c_str(), 1); }
+  } pathBack{path};
+  ::setenv("PATH", (first + ":" + second + ":" + path).c_str(), 1);
+  options_.iptablesSave = "acl-test-save";
+  options_.iptablesRestore = "acl-test-restore";
+  const std::string report = "acl-agent: apply vrf \"default\": ";
+
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-save\": not found on PATH\n");
+  // Installed since: the retry finds them.
+  std::filesystem::rename(dir_ + "/save", first + "/acl-test-save");
+  std::filesystem::rename(dir_ + "/restore", first + "/acl-test-restore");
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+
+  // Moved to another folder on PATH: the file found before is gone, which
+  // is reported, and the retry finds it where it is now.
+  std::filesystem::rename(first + "/acl-test-restore", second + "/acl-test-restore");
+  errors_.str("");
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-restore\": No such file or directory\n");
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_THAT(restoreInput(2), HasSubstr(kGateway));
+  EXPECT_EQ(status("default").writes, 3u);  // the one that could not run included
+}
+
+TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules) {
+  if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
+  options_.maxChildren = 2;
+  modeIs("save", "slow 0.1");
+  for (int i = 1; i <= 5; ++i) {
+    ::symlink("/proc/self/ns/net", (dir_ + "/netns/v" + std::to_string(i)).c_str());
+    backend().vrfSeen(
+        "v" + std::to_string(i),
+        ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
+  }
+  // v1 is being read back: its write, after that, has these rules.
+  backend().vrfSeen("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
+  settle();
+
+  int running = 0, most = 0;
+  for (const char c : file("running")) {
+    if (c == '+') most = std::max(most, ++running);
+    if (c == '-') --running;
+  }
+  EXPECT_EQ(most, 2);
+  EXPECT_EQ(runs("restore"), 5);
+  std::string written;
+  for (int n = 1; n <= 5; ++n) written += restoreInput(n);
+  EXPECT_THAT(written, HasSubstr("--dport 1001 "));
+  EXPECT_THAT(written, Not(HasSubstr("--dport 1 ")));
+  for (const auto& s : backend().statuses()) EXPECT_EQ(s.writes, 1u) << s.vrf;
+}
+
+}  // namespace
+}  // namespace AclAgent

@@ -1,0 +1,252 @@
+// The iptables backend against the real kernel, with the real iptables-save
+// and iptables-restore of one family (IPTABLES_FAMILY, nft or legacy). Run by
+// iptables-kernel-test.sh as root inside private mount and network
+// namespaces with their own /run: the test's own namespace is VRF default,
+// and the VRF namespaces are made with `ip netns add`, each holding rules of
+// someone else's that must survive everything byte for byte.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/iptables/IptablesText.h"
+
+namespace AclAgent {
+namespace {
+
+using ::testing::StartsWith;
+using State = IptablesBackend::State;
+
+const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
+const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
+const std::regex kCounters(R"(\[[0-9]+:[0-9]+\])");
+
+// Runs `command` with sh; its output, standard error included.
+std::string shell(const std::string& command) {
+  FILE* pipe = ::popen(("exec 2>&1\n" + command).c_str(), "r");
+  std::string out;
+  char buffer[4096];
+  for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+    out.append(buffer, n);
+  }
+  const int status = pipe ? ::pclose(pipe) : -1;
+  EXPECT_EQ(status, 0) << command << ":\n" << out;
+  return out;
+}
+
+// Whether the test runs in another network namespace than the script that
+// started it: never in the machine's own, whatever else the environment says.
+bool inPrivateNamespaces() {
+  const char* outer = std::getenv("ACL_OUTER_NETNS");
+  std::error_code error;
+  const auto own = std::filesystem::read_symlink("/proc/self/ns/net", error);
+  return outer && *outer && !error && own.string() != outer;
+}
+
+class IptablesKernelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!inPrivateNamespaces()) {
+      GTEST_SKIP() << "runs only inside the private namespaces that iptables-kernel-test.sh makes";
+    }
+    const char* family = std::getenv("IPTABLES_FAMILY");
+    family_ = family ? family : "nft";
+    char folder[] = "/tmp/acl-kernel-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    dir_ = folder;
+    // The real iptables-restore, each run counted.
+    const std::string restore = dir_ + "/restore";
+    std::ofstream(restore) << "#!/bin/sh\necho run >> '" << dir_ << "/restores'\nexec iptables-"
+                           << family_ << "-restore \"$@\"\n";
+    ::chmod(restore.c_str(), 0755);
+    options_.iptablesRestore = restore;
+    options_.iptablesSave = "iptables-" + family_ + "-save";
+    options_.resyncPeriod = 0;
+  }
+  void TearDown() override {
+    backend_.reset();
+    if (dir_.empty()) return;
+    shell("ip -all netns delete");
+    shell(
+        "printf '*filter\\n:INPUT ACCEPT [0:0]\\n:FORWARD ACCEPT [0:0]\\n:OUTPUT ACCEPT "
+        "[0:0]\\nCOMMIT\\n' | iptables-" +
+        family_ + "-restore");
+    std::filesystem::remove_all(dir_);
+  }
+
+  IptablesBackend& backend() {
+    if (!backend_) backend_ = std::make_unique<IptablesBackend>(loop_, options_, errors_);
+    return *backend_;
+  }
+  void settle() { ASSERT_TRUE(loop_->settle()); }
+  IptablesBackend::VrfStatus status(const std::string& vrf) {
+    for (const auto& s : backend().statuses()) {
+      if (s.vrf == vrf) return s;
+    }
+    ADD_FAILURE() << "no VRF " << vrf;
+    return {};
+  }
+  int restores() { return std::stoi(shell("cat " + dir_ + "/restores 2>/dev/null | wc -l")); }
+
+  // Runs iptables of the family in network namespace `netns` ("": ours).
+  std::string iptables(const std::string& netns, const std::string& args) {
+    const std::string where = netns.empty() ? "" : "ip netns exec " + netns + " ";
+    return shell(where + "iptables-" + family_ + args);
+  }
+  // A VRF namespace holding rules of someone else's.
+  void namespaceIs(const std::string& netns) {
+    shell("ip netns add " + netns);
+    iptables(netns,
+             "-restore --noflush <<'EOF'\n*filter\n:INPUT DROP [0:0]\n:SOMEONE-ELSE - [0:0]\n"
+             "-A INPUT -p icmp -j ACCEPT\n-A INPUT -j SOMEONE-ELSE\n"
+             "-A SOMEONE-ELSE -p tcp --dport 22 -m comment --comment \"ssh access\" -j ACCEPT\n"
+             "COMMIT\nEOF");
+  }
+  // The filter table without comment lines and counters.
+  std::string saved(const std::string& netns) {
+    std::istringstream in(iptables(netns, "-save -t filter"));
+    std::string out;
+    for (std::string line; std::getline(in, line);) {
+      if (!line.starts_with("#")) out += std::regex_replace(line, kCounters, "[0:0]") + "\n";
+    }
+    return out;
+  }
+  // Whether `netns` holds `rules` in place, as the backend reads it back.
+  bool holds(const std::string& netns, const ChainRules& rules) {
+    return inPlace(parseSave(iptables(netns, "-save -t filter")), rules);
+  }
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  std::string family_;
+  std::string dir_;
+  IptablesBackendOptions options_;
+  std::ostringstream errors_;
+  std::unique_ptr<IptablesBackend> backend_;
+};
+
+TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrite) {
+  namespaceIs("red");
+  const std::string redBefore = saved("red");
+  const ChainRules both{{"INPUT", {kMdns, kGateway}}};
+  backend().vrfSeen("red", both);
+  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(restores(), 2);
+  // In place, as the backend reads it back, with the jump first in INPUT.
+  EXPECT_TRUE(holds("red", both));
+  EXPECT_TRUE(holds("", ChainRules{{"INPUT", {kGateway}}}));
+
+  // A change is one write of that VRF; with no rule left, jump and chain go.
+  backend().vrfSeen("red", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(restores(), 3);
+  EXPECT_TRUE(holds("red", ChainRules{{"INPUT", {kGateway}}}));
+  backend().vrfSeen("red", ChainRules{});
+  settle();
+  EXPECT_EQ(restores(), 4);
+  EXPECT_EQ(saved("red"), redBefore);
+  EXPECT_EQ(errors_.str(), "");
+}
+
+TEST_F(IptablesKernelTest, EachKindOfDriftIsRepairedByOneWrite) {
+  namespaceIs("red");
+  backend().vrfSeen("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  const std::string good = saved("red");
+  const std::vector<std::pair<std::string, std::vector<std::string>>> drifts{
+      {"jump deleted", {"-D INPUT -j ACLAGENT-INPUT"}},
+      {"jump moved down", {"-D INPUT -j ACLAGENT-INPUT", "-I INPUT 2 -j ACLAGENT-INPUT"}},
+      {"jump duplicated", {"-A INPUT -j ACLAGENT-INPUT"}},
+      {"owned chain flushed", {"-F ACLAGENT-INPUT"}},
+      {"owned rule deleted", {"-D ACLAGENT-INPUT 2"}},
+      {"owned rule added", {"-I ACLAGENT-INPUT 1 -p tcp --dport 9 -j ACCEPT"}},
+      {"owned rule replaced", {"-R ACLAGENT-INPUT 1 -p udp --dport 5353 -j DROP"}},
+      {"owned chain deleted",
+       {"-D INPUT -j ACLAGENT-INPUT", "-F ACLAGENT-INPUT", "-X ACLAGENT-INPUT"}},
+  };
+  int writes = 1;
+  for (const auto& [drift, commands] : drifts) {
+    for (const std::string& command : commands) iptables("red", " " + command);
+    ASSERT_NE(saved("red"), good) << drift;
+    backend().resync();
+    settle();
+    EXPECT_EQ(restores(), ++writes) << drift;
+    EXPECT_EQ(status("red").repairs, static_cast<std::uint64_t>(writes - 1)) << drift;
+    // Ours as it was, and someone else's untouched.
+    EXPECT_EQ(saved("red"), good) << drift;
+  }
+  EXPECT_EQ(errors_.str(), "");
+}
+
+TEST_F(IptablesKernelTest, RefusedRulesAreReportedOnceAndLeftOutAndTheRestStandsAtOnce) {
+  namespaceIs("red");
+  const std::string option = "-p udp --bogus 1 -j ACCEPT";
+  const std::string target = "-p tcp --dport 2 -j NOSUCH";
+  backend().vrfSeen("red", ChainRules{{"INPUT", {kMdns, option, target, kGateway}}});
+  settle();
+  // The real programs name a bad option at once and a missing target only at
+  // COMMIT (nft) or at its line (legacy): each is blamed on its rule.
+  const std::string report = "acl-agent: apply vrf \"red\": rule \"";
+  const std::string errors = errors_.str();
+  EXPECT_THAT(errors, StartsWith(report + option + "\" refused: unknown option \"--bogus\"\n" +
+                                 report + target + "\" refused: "));
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 2) << errors;
+  // The rest stands, at once, but not every rule: the VRF is not in place.
+  EXPECT_TRUE(holds("red", {{"INPUT", {kMdns, kGateway}}}));
+  EXPECT_EQ(restores(), 3);
+  EXPECT_EQ(status("red").state, State::kFailed);
+  EXPECT_EQ(status("red").rules, 4u);
+  EXPECT_FALSE(backend().allInPlace());
+
+  // A resync finds what can stand in place: no write, no second report.
+  backend().resync();
+  settle();
+  EXPECT_EQ(restores(), 3);
+  EXPECT_EQ(errors_.str(), errors);
+  // Without the refused rules, what stands is all that must.
+  backend().vrfSeen("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  EXPECT_EQ(restores(), 3);
+  EXPECT_EQ(status("red").state, State::kOk);
+  EXPECT_TRUE(backend().allInPlace());
+}
+
+TEST_F(IptablesKernelTest, RemoveAppliedTakesAwayOnlyWhatTheAgentOwnsWhereTheTemplateReaches) {
+  namespaceIs("vrf-red");
+  namespaceIs("other");
+  iptables("", " -A INPUT -s 10.9.9.9 -j DROP");
+  const std::string redBefore = saved("vrf-red");
+  const std::string ownBefore = saved("");
+  const ChainRules rules{{"INPUT", {kMdns}}, {"OUTPUT", {kGateway}}};
+  backend().vrfSeen("other", rules);  // template "%s"
+  settle();
+  const std::string otherBefore = saved("other");
+  backend_.reset();
+  options_.netnsTemplate = "vrf-%s";
+  backend().vrfSeen("red", rules);
+  backend().vrfSeen("default", rules);
+  settle();
+  ASSERT_TRUE(holds("vrf-red", rules));
+  backend_.reset();
+
+  EXPECT_TRUE(IptablesBackend::removeApplied(options_, errors_));
+  EXPECT_EQ(errors_.str(), "");
+  EXPECT_EQ(saved("vrf-red"), redBefore);
+  EXPECT_EQ(saved(""), ownBefore);
+  EXPECT_EQ(saved("other"), otherBefore);  // not a name the template gives
+  // Nothing left to remove: nothing is written.
+  const int written = restores();
+  EXPECT_TRUE(IptablesBackend::removeApplied(options_, errors_));
+  EXPECT_EQ(restores(), written);
+}
+
+}  // namespace
+}  // namespace AclAgent

@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# acl-agent --live --apply against the real kernel: links brought up and
+# down, renamed out of and into the --mdns-intf globs, moved between
+# namespaces, namespaces added and deleted; the state database follows, and
+# real multicast datagrams arrive exactly while the rule stands.
+#
+#   live-kernel-test.sh ACL_AGENT MCAST_PROBE
+#
+# Runs as root in a private mount and network namespace with its own /run;
+# exits 77 (skipped) with the reason where that cannot be had.
+set -uo pipefail
+agent=$1 probe=$2
+source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
+enter_private_namespace "$0" "$@"
+
+# Namespace NAME joined to ours by "h-NAME" here and "v-NAME" there (left
+# down), with INPUT policy DROP there.
+vrf_namespace() {
+  local name=$1 n=$2
+  ip netns add "$name"
+  ip link add "h-$name" type veth peer name "v-$name"
+  ip link set "v-$name" netns "$name"
+  ip addr add "10.78.$n.1/24" dev "h-$name" && ip link set "h-$name" up
+  ip -n "$name" addr add "10.78.$n.2/24" dev "v-$name" && ip -n "$name" link set lo up
+  ip netns exec "$name" iptables -P INPUT DROP
+}
+
+# The agent; `await` asks again until a line matches (the kernel's news and
+# the refresh take a moment).
+start_agent --live --apply --mdns-intf 'v-*' --resync 3600
+IFS= read -r -t 20 -u "${AGENT[0]}" first
+[ "$first" = ready ] || { echo "FAIL: the agent did not say ready: $first $(cat "$work/agent.err")"; exit 1; }
+await() {
+  local command=$1 pattern=$2 absent=${3:-}
+  for _ in $(seq 100); do
+    ask "$command"
+    if [ -z "$absent" ]; then grep -q -- "$pattern" "$work/answer" && return 0
+    else grep -q -- "$pattern" "$work/answer" || return 0; fi
+    sleep 0.03
+  done
+  fail "after $command: expected ${absent:+no }[$pattern] in: $(cat "$work/answer")"
+}
+
+red_rule='rule ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugin" seq=0'
+
+# --- a link comes up, and goes down
+vrf_namespace red 1
+await "show state" 'intf set "red/v-red" "red"'
+await "show state" 'link set "red/v-red"#0 0'
+ip -n red link set v-red up
+await "show rules" "$red_rule"
+await "show applied" 'vrf="red" netns="red" state=ok rules=1'
+[ "$(datagrams_into red)" = 3 ] || fail "datagrams did not arrive while the link is up"
+ip -n red link set v-red down
+await "show rules" "$red_rule" absent
+await "show applied" 'vrf="red" netns="red" state=ok rules=0'
+[ "$(datagrams_into red)" = 0 ] || fail "datagrams arrived after the link went down"
+
+# --- renamed out of the globs and back into them
+ip -n red link set v-red name x-red
+ip -n red link set x-red up
+await "show state" 'link set "red/x-red"#0 0'
+await "show state" '"red/v-red"' absent
+await "show rules" "$red_rule" absent
+ip -n red link set x-red down
+ip -n red link set x-red name v-red
+ip -n red link set v-red up
+await "show rules" "$red_rule"
+[ "$(datagrams_into red)" = 3 ] || fail "datagrams did not arrive after the rename back"
+
+# --- an interface moved into another namespace follows it
+ip link add v-move type veth peer name h-move
+await "show state" 'intf set "v-move" "default"'
+ip netns add blue
+await "show state" 'vrf add global "blue"'
+ip link set v-move netns blue
+await "show state" 'intf set "blue/v-move" "blue"'
+await "show state" 'intf set "v-move"' absent
+ip -n blue link set v-move up
+ip link set h-move up
+await "show rules" 'vrf="blue"'
+
+# --- a namespace that goes takes its VRF, interfaces and links with it
+ip netns del blue
+await "show state" '"blue' absent
+
+# --- publishing what the kernel owns is refused
+ask "link set v-red 0"
+grep -q "kernel owns" "$work/agent.err" || fail "link set was not refused in live mode"
+
+# --- SIGTERM ends it with status 0; the rules stay
+signal_agent TERM
+[ "$(cat "$work/agent.exit")" = "exit 0" ] || fail "the agent did not exit 0 on SIGTERM"
+[ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay after the agent ended"
+
+finish

@@ -16,11 +16,11 @@
 #include <iostream>
 #include <optional>
 
-#include "agent/host/Agent.h"
 #include "agent/cli/CommandLine.h"
 #include "agent/cli/LineInput.h"
-#include "agent/live/LiveMode.h"
 #include "agent/cli/Output.h"
+#include "agent/host/Agent.h"
+#include "agent/live/LiveMode.h"
 
 namespace {
 
@@ -184,7 +184,7 @@ class Runner {
 // watches.
 class StopSignals {
  public:
-  explicit StopSignals(Pell::TaskSchedulerRoot& loop) : loop_(loop) {
+  explicit StopSignals(Pell::TaskSchedulerRoot& loop) {
     // A signal its starter had ignored (as a shell does for background jobs)
     // would be dropped rather than read: take both back first.
     signal(SIGINT, SIG_DFL);
@@ -195,22 +195,22 @@ class StopSignals {
     sigprocmask(SIG_BLOCK, &signals_, nullptr);
     fd_ = signalfd(-1, &signals_, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd_ < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
-    loop_.fdWatchIs(fd_, [this] {
+    watch_ = Pell::FdWatch(loop, fd_, [this] {
       signalfd_siginfo info;
       while (read(fd_, &info, sizeof info) == sizeof info) stopped_ = true;
     });
   }
   ~StopSignals() {
-    loop_.fdWatchDel(fd_);
+    watch_.reset();
     close(fd_);
     sigprocmask(SIG_UNBLOCK, &signals_, nullptr);
   }
   const bool* stopped() const { return &stopped_; }
 
  private:
-  Pell::TaskSchedulerRoot& loop_;
   sigset_t signals_;
   int fd_ = -1;
+  Pell::FdWatch watch_;
   bool stopped_ = false;
 };
 

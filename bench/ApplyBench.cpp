@@ -45,10 +45,9 @@
 #include <string>
 #include <vector>
 
-#include "agent/os/BackgroundTimer.h"
-#include "agent/os/ChildProcess.h"
 #include "agent/backend/iptables/IptablesBackend.h"
 #include "agent/backend/iptables/IptablesText.h"
+#include "agent/os/ChildProcess.h"
 
 namespace bench {
 namespace {
@@ -245,7 +244,7 @@ class LoopWatch {
   };
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
-  AclAgent::BackgroundTimer tick_;
+  Pell::BackgroundTimer tick_;
   bool ticking_;
   Nanoseconds due_ = 0;
   std::vector<Nanoseconds> late_;

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace Pell {
 
@@ -54,7 +55,7 @@ Nanoseconds TaskSchedulerRoot::wallNow() const {
   return elapsed > kEndOfTime - wallOffset_ ? kEndOfTime : wallOffset_ + elapsed;
 }
 
-void TaskSchedulerRoot::waitUntil(Nanoseconds when) {
+void TaskSchedulerRoot::clockForwardTo(Nanoseconds when) {
   if (when > now_) now_ = when;
 }
 
@@ -90,7 +91,7 @@ bool TaskSchedulerRoot::runNext(Nanoseconds limit) {
   // Hold the task while it runs: its notifiees may drop every other reference.
   Zov::Ptr<TimerTask> task(next.task);
   taskDisarm(next.task);
-  waitUntil(next.due);
+  clockForwardTo(next.due);
   ++runs_;
   task->run();
   return true;
@@ -111,7 +112,7 @@ void TaskSchedulerRoot::advance(Nanoseconds duration) {
     if (wait <= 0) break;
     pollFds(wait);
   }
-  waitUntil(end);
+  clockForwardTo(end);
 }
 
 bool TaskSchedulerRoot::settle(std::uint64_t maxRuns) {
@@ -151,7 +152,7 @@ void TaskSchedulerRoot::workInFlightDec() {
   --workInFlight_;
 }
 
-void TaskSchedulerRoot::fdWatchIs(int fd, std::function<void()> onReadable) {
+std::uint64_t TaskSchedulerRoot::fdWatchIs(int fd, std::function<void()> onReadable) {
   if (fd < 0) throw std::invalid_argument("cannot watch file descriptor " + std::to_string(fd));
   for (const Watch& w : watches_) {
     if (w.fd == fd) {
@@ -159,10 +160,33 @@ void TaskSchedulerRoot::fdWatchIs(int fd, std::function<void()> onReadable) {
     }
   }
   watches_.push_back(Watch{fd, ++watchIds_, std::move(onReadable)});
+  return watchIds_;
 }
 
-void TaskSchedulerRoot::fdWatchDel(int fd) {
-  std::erase_if(watches_, [fd](const Watch& w) { return w.fd == fd; });
+void TaskSchedulerRoot::fdWatchDel(std::uint64_t id) {
+  std::erase_if(watches_, [id](const Watch& w) { return w.id == id; });
+}
+
+FdWatch::FdWatch(TaskSchedulerRoot& loop, int fd, std::function<void()> onReadable)
+    : id_(loop.fdWatchIs(fd, std::move(onReadable))), fd_(fd) {
+  loop_ = &loop;
+}
+
+FdWatch::FdWatch(FdWatch&& other) noexcept
+    : loop_(std::exchange(other.loop_, nullptr)), id_(other.id_), fd_(other.fd_) {}
+
+FdWatch& FdWatch::operator=(FdWatch&& other) noexcept {
+  if (this != &other) {
+    reset();
+    loop_ = std::exchange(other.loop_, nullptr);
+    id_ = other.id_;
+    fd_ = other.fd_;
+  }
+  return *this;
+}
+
+void FdWatch::reset() {
+  if (loop_) std::exchange(loop_, nullptr)->fdWatchDel(id_);
 }
 
 std::size_t TaskSchedulerRoot::pollFds(Nanoseconds timeout) {
@@ -225,6 +249,41 @@ void TimerTask::stopTimerTask() {
 void TimerTask::run() {
   ++runs_;
   notifieeList()->visit(kRun);
+}
+
+class BackgroundTimer::Reactor : public Zov::PtrInterface::NotifieeConst {
+ public:
+  explicit Reactor(std::function<void()> run) : run_(std::move(run)) {}
+  void onAttribute(Zov::AttributeId id, const void*) override {
+    if (id == TimerTask::kRun && !zovMarkedForDeletion()) run_();
+  }
+
+ private:
+  std::function<void()> run_;
+};
+
+BackgroundTimer::BackgroundTimer(const Zov::Ptr<TaskSchedulerRoot>& loop, const char* name,
+                                 std::function<void()> run)
+    : task_(new TimerTask(loop, TaskPriority(0), name)), reactor_(new Reactor(std::move(run))) {
+  task_->backgroundIs(true);
+  reactor_->notifierIs(task_.ptr());
+  reactor_->isRegisteredNotifieeIs(true);
+  reactor_->hasNotificationActiveIs(true);
+}
+
+BackgroundTimer::~BackgroundTimer() {
+  task_->stopTimerTask();
+  reactor_->zovMarkedForDeletionIs(true);
+  reactor_->notifierIs(nullptr);
+}
+
+void BackgroundTimer::armIn(Nanoseconds delay) {
+  task_->stopTimerTask();
+  task_->scheduleTaskLowestDelay(static_cast<double>(delay) / 1e9);
+}
+
+void BackgroundTimer::stop() {
+  task_->stopTimerTask();
 }
 
 }  // namespace Pell

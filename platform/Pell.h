@@ -20,11 +20,15 @@
 // the order they were armed.
 //
 // The loop also watches file descriptors (pipes to child processes, sockets,
-// timer descriptors) and runs a handler when one is readable:
+// timer descriptors) and runs a handler when one is readable, for as long as
+// the `FdWatch` lives:
 //
-//   root->fdWatchIs(fd, [&] { readWhatIsThere(fd); });
+//   Pell::FdWatch watch(*root, fd, [&] { readWhatIsThere(fd); });
 //   root->workInFlightInc();   // `settle` now waits until ...
 //   root->workInFlightDec();   // ... this, called from a handler.
+//
+// Work that `settle` must not wait for (a periodic check, a retry's delay)
+// runs on a `BackgroundTimer`, which calls a function rather than notifying.
 //
 // Descriptors are real, so they are waited for in real time on either clock.
 //
@@ -104,18 +108,11 @@ class TaskSchedulerRoot : public TaskScheduler {
   // `maxRuns` runs (a task that keeps re-arming itself).
   bool settle(std::uint64_t maxRuns = 1'000'000);
 
-  // --- file descriptors ---
-  // Runs `onReadable` on the event thread whenever `fd` is readable, has hung
-  // up or failed; the handler reads what is there or stops the watch.
+  // --- file descriptors (watched through `FdWatch`) ---
   // `advance` runs the handlers of ready descriptors between tasks (on the
   // wall clock it also waits for them until each due time); `settle` waits
   // for them while work is in flight. An exception from a handler propagates
   // out of the loop call that ran it.
-  // REQUIRES: `fd` is open and not watched yet (raises `std::invalid_argument`).
-  void fdWatchIs(int fd, std::function<void()> onReadable);
-  // Stops watching `fd`, also from inside its own handler; a descriptor that
-  // is not watched is ignored. The descriptor stays open.
-  void fdWatchDel(int fd);
   std::size_t fdWatches() const { return watches_.size(); }
   // Runs the handlers of the watched descriptors that are ready within
   // `timeout` of real time (0: those ready now; negative: until one is) and
@@ -165,7 +162,12 @@ class TaskSchedulerRoot : public TaskScheduler {
   // waiting for it while running descriptor handlers); false if none is.
   bool runNext(Nanoseconds limit);
   Nanoseconds wallNow() const;
-  void waitUntil(Nanoseconds when);
+  // Moves the clock forward to `when`, never back.
+  void clockForwardTo(Nanoseconds when);
+
+  friend class FdWatch;
+  std::uint64_t fdWatchIs(int fd, std::function<void()> onReadable);
+  void fdWatchDel(std::uint64_t id);
 
   struct Watch {
     int fd;
@@ -241,6 +243,58 @@ class TimerTask : public Task {
   Nanoseconds due_ = 0;
   std::uint64_t armSequence_ = 0;
   std::uint64_t runs_ = 0;
+};
+
+// A descriptor the loop watches: `onReadable` runs on the event thread
+// whenever `fd` is readable, has hung up or failed, until the watch ends: when
+// it is destroyed, reset or assigned over, also from inside its own handler.
+// The descriptor stays open; whoever owns it closes it after the watch ends.
+//
+//   Pell::FdWatch watch(*loop, fd, [&] { readWhatIsThere(fd); });
+//   watch.reset();   // the handler is never called again
+class FdWatch {
+ public:
+  FdWatch() = default;
+  // REQUIRES: `fd` is open and not watched yet (raises `std::invalid_argument`).
+  FdWatch(TaskSchedulerRoot& loop, int fd, std::function<void()> onReadable);
+  FdWatch(FdWatch&& other) noexcept;
+  FdWatch& operator=(FdWatch&& other) noexcept;
+  ~FdWatch() { reset(); }
+
+  void reset();
+  bool active() const { return loop_ != nullptr; }
+  int fd() const { return fd_; }
+
+ private:
+  TaskSchedulerRoot* loop_ = nullptr;
+  std::uint64_t id_ = 0;
+  int fd_ = -1;
+};
+
+// A function run once by a background task of the loop, `delay` after it is
+// armed: work that `settle` must not wait for (a periodic check, a retry's
+// delay). Destroying it disarms the task; the function is never called
+// afterwards.
+//
+//   Pell::BackgroundTimer retry(loop, "retryTask", [this] { writeAgain(); });
+//   retry.armIn(100'000'000);   // 100 ms from now on the loop's clock
+class BackgroundTimer {
+ public:
+  BackgroundTimer(const Zov::Ptr<TaskSchedulerRoot>& loop, const char* name,
+                  std::function<void()> run);
+  ~BackgroundTimer();
+  BackgroundTimer(const BackgroundTimer&) = delete;
+  BackgroundTimer& operator=(const BackgroundTimer&) = delete;
+
+  // Runs the function once, `delay` from now; an earlier arming is replaced.
+  void armIn(Nanoseconds delay);
+  void stop();
+  bool armed() const { return task_->armed(); }
+
+ private:
+  class Reactor;
+  Zov::Ptr<TimerTask> task_;
+  Zov::Ptr<Reactor> reactor_;
 };
 
 }  // namespace Pell

@@ -60,15 +60,13 @@ void LineInput::readSome() {
 std::optional<std::string> LineInput::next() {
   if (lines_.empty() && !ended_) {
     if (terminal_) rl_callback_handler_install("acl-agent> ", &LineInput::onTerminalLine);
-    loop_.fdWatchIs(STDIN_FILENO, [this] { readSome(); });
+    Pell::FdWatch watch(loop_, STDIN_FILENO, [this] { readSome(); });
     try {
       loop_.runUntil([this] { return !lines_.empty() || ended_ || (stop_ && *stop_); });
     } catch (...) {
-      loop_.fdWatchDel(STDIN_FILENO);
       if (terminal_) rl_callback_handler_remove();
       throw;
     }
-    loop_.fdWatchDel(STDIN_FILENO);
     if (terminal_) rl_callback_handler_remove();
   }
   if (lines_.empty() || (stop_ && *stop_)) return std::nullopt;

@@ -71,12 +71,12 @@ LinkMonitor::LinkMonitor(Pell::TaskSchedulerRoot& loop, const std::string& netns
   }
   portId_ = mnl_socket_get_portid(socket_);
   sequence_ = static_cast<unsigned>(time(nullptr));
-  loop_.fdWatchIs(mnl_socket_get_fd(socket_), [this] { readAll(); });
+  watch_ = Pell::FdWatch(loop_, mnl_socket_get_fd(socket_), [this] { readAll(); });
   requestDump();
 }
 
 LinkMonitor::~LinkMonitor() {
-  loop_.fdWatchDel(mnl_socket_get_fd(socket_));
+  watch_.reset();
   mnl_socket_close(socket_);
 }
 

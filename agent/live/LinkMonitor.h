@@ -55,6 +55,7 @@ class LinkMonitor {
   Pell::TaskSchedulerRoot& loop_;
   Handlers handlers_;
   mnl_socket* socket_ = nullptr;
+  Pell::FdWatch watch_;
   unsigned portId_ = 0;
   unsigned sequence_ = 0;
   unsigned dumps_ = 0;

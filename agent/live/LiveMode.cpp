@@ -51,7 +51,7 @@ LiveMode::LiveMode(const Zov::Ptr<Pell::TaskSchedulerRoot>& loop, StateDatabase&
     errors_ << "acl-agent: cannot follow namespaces in " << quoteName(options_.netnsDir) << ": "
             << std::strerror(errno) << " (only VRF default is followed)\n";
   } else {
-    loop_->fdWatchIs(inotify_, [this] { readNamespaceEvents(); });
+    watch_ = Pell::FdWatch(*loop_, inotify_, [this] { readNamespaceEvents(); });
   }
   if (DIR* dir = opendir(options_.netnsDir.c_str())) {
     while (dirent* entry = readdir(dir)) namespaceIs(entry->d_name);
@@ -62,10 +62,8 @@ LiveMode::LiveMode(const Zov::Ptr<Pell::TaskSchedulerRoot>& loop, StateDatabase&
 }
 
 LiveMode::~LiveMode() {
-  if (inotify_ >= 0) {
-    loop_->fdWatchDel(inotify_);
-    close(inotify_);
-  }
+  watch_.reset();
+  if (inotify_ >= 0) close(inotify_);
 }
 
 unsigned LiveMode::dumps() const {

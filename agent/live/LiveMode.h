@@ -22,7 +22,6 @@
 #include <string>
 #include <vector>
 
-#include "agent/os/BackgroundTimer.h"
 #include "agent/live/KernelState.h"
 #include "agent/live/LinkMonitor.h"
 
@@ -70,8 +69,9 @@ class LiveMode {
   KernelState state_;
   std::map<std::string, std::unique_ptr<LinkMonitor>> monitors_;  // by VRF
   std::map<std::string, int> pending_;  // VRF -> attempts, not yet mounted
-  BackgroundTimer retry_;
+  Pell::BackgroundTimer retry_;
   int inotify_ = -1;
+  Pell::FdWatch watch_;
 };
 
 }  // namespace AclAgent

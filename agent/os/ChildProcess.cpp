@@ -341,16 +341,16 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
     closeFd(err[0]);
     return nullptr;
   }
-  child->outFd_ = out[0];
-  child->errFd_ = err[0];
-  child->pid_ = spawn(command, in, out[1], err[1], &child->launch_, &child->pidFd_, error);
+  child->out_.fd = out[0];
+  child->err_.fd = err[0];
+  child->pid_ = spawn(command, in, out[1], err[1], &child->launch_, &child->ended_.fd, error);
   closeChildEnds();
   if (child->pid_ < 0) {
     child->pid_ = -1;
     child->closeAll();
     return nullptr;
   }
-  if (child->pidFd_ < 0) {
+  if (child->ended_.fd < 0) {
     *error = "cannot watch a child process: " + errorText(errno);
     int waitStatus = 0;
     killAndReap(child->pid_, &waitStatus);
@@ -358,13 +358,13 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
     child->closeAll();
     return nullptr;
   }
-  ::fcntl(child->outFd_, F_SETFL, O_NONBLOCK);
-  ::fcntl(child->errFd_, F_SETFL, O_NONBLOCK);
+  ::fcntl(child->out_.fd, F_SETFL, O_NONBLOCK);
+  ::fcntl(child->err_.fd, F_SETFL, O_NONBLOCK);
   if (timeout > 0) {
-    child->timerFd_ = aboveStdio(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    child->timer_.fd = aboveStdio(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     itimerspec due{};
     due.it_value = {timeout / 1'000'000'000, timeout % 1'000'000'000};
-    if (child->timerFd_ < 0 || ::timerfd_settime(child->timerFd_, 0, &due, nullptr) != 0) {
+    if (child->timer_.fd < 0 || ::timerfd_settime(child->timer_.fd, 0, &due, nullptr) != 0) {
       *error = "cannot time a child process: " + errorText(errno);
       int waitStatus = 0;
       killAndReap(child->pid_, &waitStatus);
@@ -376,10 +376,14 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
   ChildProcess* self = child.get();
   child->loop_ = loop;
   child->done_ = std::move(done);
-  loop->fdWatchIs(self->outFd_, [self] { self->handleOutput(self->outFd_, self->result_.out); });
-  loop->fdWatchIs(self->errFd_, [self] { self->handleOutput(self->errFd_, self->result_.err); });
-  loop->fdWatchIs(self->pidFd_, [self] { self->handleEnd(); });
-  if (self->timerFd_ >= 0) loop->fdWatchIs(self->timerFd_, [self] { self->handleTimeout(); });
+  self->out_.watch = Pell::FdWatch(*loop, self->out_.fd,
+                                   [self] { self->handleOutput(self->out_, self->result_.out); });
+  self->err_.watch = Pell::FdWatch(*loop, self->err_.fd,
+                                   [self] { self->handleOutput(self->err_, self->result_.err); });
+  self->ended_.watch = Pell::FdWatch(*loop, self->ended_.fd, [self] { self->handleEnd(); });
+  if (self->timer_.fd >= 0) {
+    self->timer_.watch = Pell::FdWatch(*loop, self->timer_.fd, [self] { self->handleTimeout(); });
+  }
   loop->workInFlightInc();
   return child;
 }
@@ -391,29 +395,28 @@ ChildProcess::~ChildProcess() {
     int waitStatus = 0;
     killAndReap(pid_, &waitStatus);
   }
-  const bool counted = pidFd_ >= 0 && loop_;
+  const bool counted = ended_.fd >= 0 && loop_;
   closeAll();
   if (counted) loop_->workInFlightDec();
 }
 
-void ChildProcess::closeAll() {
-  for (int* fd : {&outFd_, &errFd_, &pidFd_, &timerFd_}) {
-    if (*fd >= 0 && loop_) loop_->fdWatchDel(*fd);
-    closeFd(*fd);
-  }
+void ChildProcess::Watched::close() {
+  watch.reset();
+  closeFd(fd);
 }
 
-void ChildProcess::handleOutput(int& fd, std::string& into) {
-  if (readAvailable(fd, into)) return;
-  loop_->fdWatchDel(fd);
-  closeFd(fd);
+void ChildProcess::closeAll() {
+  for (Watched* watched : {&out_, &err_, &ended_, &timer_}) watched->close();
+}
+
+void ChildProcess::handleOutput(Watched& from, std::string& into) {
+  if (!readAvailable(from.fd, into)) from.close();
 }
 
 void ChildProcess::handleTimeout() {
   std::uint64_t expirations = 0;
-  [[maybe_unused]] ssize_t n = ::read(timerFd_, &expirations, sizeof expirations);
-  loop_->fdWatchDel(timerFd_);
-  closeFd(timerFd_);
+  [[maybe_unused]] ssize_t n = ::read(timer_.fd, &expirations, sizeof expirations);
+  timer_.close();
   // A child that ended just in time is not counted as killed.
   siginfo_t info{};
   if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
@@ -432,8 +435,8 @@ void ChildProcess::handleEnd() {
   recordWait(waitStatus, result_);
   // What the child wrote is in the pipes by now; a descendant that kept them
   // open is not waited for.
-  if (outFd_ >= 0) readAvailable(outFd_, result_.out);
-  if (errFd_ >= 0) readAvailable(errFd_, result_.err);
+  if (out_.fd >= 0) readAvailable(out_.fd, result_.out);
+  if (err_.fd >= 0) readAvailable(err_.fd, result_.err);
   result_.failure = launchFailure(*launch_);
   launch_.reset();
   closeAll();

@@ -100,7 +100,15 @@ class ChildProcess {
 
  private:
   ChildProcess();
-  void handleOutput(int& fd, std::string& into);
+  // A descriptor of the child's and the loop's watch on it; the watch ends
+  // before the descriptor is closed.
+  struct Watched {
+    int fd = -1;
+    Pell::FdWatch watch;
+    void close();
+  };
+
+  void handleOutput(Watched& from, std::string& into);
   void handleEnd();
   void handleTimeout();
   void closeAll();
@@ -108,10 +116,10 @@ class ChildProcess {
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
   Done done_;
   int pid_ = -1;
-  int pidFd_ = -1;
-  int timerFd_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
+  Watched ended_;  // the pidfd, readable once the child has ended
+  Watched timer_;  // a timerfd, readable at the timeout
+  Watched out_;
+  Watched err_;
   // What the child reads until it execs; kept until it has ended.
   std::unique_ptr<ChildLaunch> launch_;
   ChildResult result_;

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <limits>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -147,18 +148,18 @@ TEST_F(PellTest, TheEndOfTimeIsALimitNotAWrapAround) {
 // A pipe the loop watches; what its handler read is logged.
 class WatchedPipe {
  public:
-  explicit WatchedPipe(Pell::TaskSchedulerRoot& root) : root_(root) {
+  explicit WatchedPipe(Pell::TaskSchedulerRoot& root) {
     if (pipe(fds_) != 0) throw std::runtime_error("pipe");
-    root_.fdWatchIs(fds_[0], [this] {
+    watch_ = Pell::FdWatch(root, fds_[0], [this] {
       char buffer[64];
       const ssize_t n = ::read(fds_[0], buffer, sizeof buffer);
       read_ += std::string(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
-      if (n == 0) root_.fdWatchDel(fds_[0]);  // hung up
+      if (n == 0) watch_.reset();  // hung up
       if (onRead) onRead();
     });
   }
   ~WatchedPipe() {
-    root_.fdWatchDel(fds_[0]);
+    watch_.reset();
     close(fds_[0]);
     if (fds_[1] >= 0) close(fds_[1]);
   }
@@ -170,9 +171,9 @@ class WatchedPipe {
   std::function<void()> onRead;
 
  private:
-  Pell::TaskSchedulerRoot& root_;
   int fds_[2];
   std::string read_;
+  Pell::FdWatch watch_;
 };
 
 TEST_F(PellTest, AdvanceRunsTheHandlersOfReadyDescriptorsBetweenTasks) {
@@ -187,7 +188,7 @@ TEST_F(PellTest, AdvanceRunsTheHandlersOfReadyDescriptorsBetweenTasks) {
   pipe.hangUp();
   root_->advance(0);
   EXPECT_EQ(root_->fdWatches(), 0u);
-  EXPECT_THROW(root_->fdWatchIs(-1, [] {}), std::invalid_argument);
+  EXPECT_THROW(Pell::FdWatch(*root_, -1, [] {}), std::invalid_argument);
 }
 
 // Settle waits for work in flight, ended by a descriptor's handler; it does
@@ -212,6 +213,33 @@ TEST_F(PellTest, SettleWaitsForWorkInFlightAndNotForBackgroundTasks) {
   root_->advance(90 * kMs);
   EXPECT_THAT(log_, ElementsAre("refresh", "retry"));
   EXPECT_THROW(root_->workInFlightDec(), std::logic_error);
+}
+
+// A watch moved keeps watching; one destroyed or assigned over never runs its
+// handler again, and a background timer destroyed never runs its function.
+TEST_F(PellTest, HandlesEndTheirWatchWhenTheyGo) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(::write(fds[1], "x", 1), 1);
+  int runs = 0;
+  Pell::FdWatch first(*root_, fds[0], [&] { ++runs; });
+  EXPECT_THROW(Pell::FdWatch(*root_, fds[0], [] {}), std::invalid_argument);
+  Pell::FdWatch moved = std::move(first);
+  root_->advance(0);
+  EXPECT_EQ(runs, 1);
+  moved = Pell::FdWatch();
+  root_->advance(0);
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(root_->fdWatches(), 0u);
+  close(fds[0]);
+  close(fds[1]);
+
+  auto timer = std::make_unique<Pell::BackgroundTimer>(root_, "timer", [&] { ++runs; });
+  timer->armIn(kMs);
+  timer.reset();
+  root_->advance(2 * kMs);
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(root_->armedTasks(), 0u);
 }
 
 // On the wall clock, arming counts from the real present, however long the loop idled.

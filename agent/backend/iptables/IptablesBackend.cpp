@@ -7,10 +7,9 @@
 #include <deque>
 #include <utility>
 
-#include "agent/os/BackgroundTimer.h"
-#include "agent/os/ChildProcess.h"
 #include "agent/backend/iptables/IptablesText.h"
 #include "agent/base/Text.h"
+#include "agent/os/ChildProcess.h"
 
 namespace AclAgent {
 namespace {
@@ -79,7 +78,7 @@ struct IptablesBackend::Impl {
     bool otherFamilyReported = false;
 
     Pell::Nanoseconds retryDelay = 0;
-    std::unique_ptr<BackgroundTimer> retry;
+    std::unique_ptr<Pell::BackgroundTimer> retry;
   };
 
   // A program the backend runs, looked up on PATH once rather than at every
@@ -98,7 +97,7 @@ struct IptablesBackend::Impl {
       program->path = ChildProcess::findProgram(program->name, &missing).value_or("");
     }
     if (options.resyncPeriod > 0) {
-      resyncTimer = std::make_unique<BackgroundTimer>(loop, "iptablesResyncTask", [this] {
+      resyncTimer = std::make_unique<Pell::BackgroundTimer>(loop, "iptablesResyncTask", [this] {
         resync();
         resyncTimer->armIn(options.resyncPeriod);
       });
@@ -371,11 +370,11 @@ struct IptablesBackend::Impl {
     vrf.state = State::kWaiting;
     vrf.retryDelay = vrf.retryDelay == 0 ? kFirstRetry : std::min(vrf.retryDelay * 2, kLastRetry);
     if (!vrf.retry) {
-      vrf.retry =
-          std::make_unique<BackgroundTimer>(loop, "iptablesRetryTask", [this, name = vrf.name] {
-            syncIs(vrfs.at(name), true);
-            pump();
-          });
+      vrf.retry = std::make_unique<Pell::BackgroundTimer>(loop, "iptablesRetryTask",
+                                                          [this, name = vrf.name] {
+                                                            syncIs(vrfs.at(name), true);
+                                                            pump();
+                                                          });
     }
     vrf.retry->armIn(vrf.retryDelay);
     // What must stand changed while this ran: try that at once.
@@ -390,7 +389,7 @@ struct IptablesBackend::Impl {
   std::map<std::string, Vrf> vrfs;
   std::deque<std::string> queue;
   unsigned running = 0;
-  std::unique_ptr<BackgroundTimer> resyncTimer;
+  std::unique_ptr<Pell::BackgroundTimer> resyncTimer;
 };
 
 IptablesBackend::IptablesBackend(Zov::Ptr<Pell::TaskSchedulerRoot> loop,

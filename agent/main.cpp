@@ -20,7 +20,6 @@
 #include "agent/cli/LineInput.h"
 #include "agent/cli/Output.h"
 #include "agent/host/Agent.h"
-#include "agent/live/LiveMode.h"
 
 namespace {
 
@@ -95,14 +94,21 @@ class Runner {
 
   // Runs one command of `file`; false when the run must end.
   bool run(const std::string& file, const AclAgent::Command& command) {
+    return attempt(file, command.line, [&] { agent_.run(command, out_); });
+  }
+
+  // Runs `work` for line `line` of `file`, reporting what it raises; false
+  // when the run must end.
+  template <class Work>
+  bool attempt(const std::string& file, unsigned line, Work&& work) {
     try {
-      agent_.run(command, out_);
+      work();
     } catch (const AclAgent::PluginLoadError& e) {
-      report(file, command.line, e.what());
+      report(file, line, e.what());
       status_ = AclAgent::kExitUsage;
       return false;
     } catch (const std::exception& e) {
-      report(file, command.line, AclAgent::commandErrorText(e));
+      report(file, line, AclAgent::commandErrorText(e));
       status_ = std::max(status_, AclAgent::kExitCommandFailed);
     }
     return outputWritten();
@@ -141,12 +147,13 @@ class Runner {
   // Ends the run: with --apply, a VRF whose rules are not in place fails it,
   // and is named.
   int finish() {
-    for (const auto& vrf : agent_.notApplied()) {
+    const std::vector<AclAgent::VrfStatus> missing = agent_.notApplied();
+    for (const auto& vrf : missing) {
       std::cerr << "acl-agent: apply vrf " << AclAgent::quoteName(vrf.vrf)
                 << ": not in place at the end"
                 << (vrf.error.empty() ? std::string() : ": " + vrf.error) << "\n";
     }
-    if (!agent_.applied()) status_ = std::max(status_, AclAgent::kExitCommandFailed);
+    if (!missing.empty()) status_ = std::max(status_, AclAgent::kExitCommandFailed);
     return status_;
   }
 
@@ -214,27 +221,25 @@ class StopSignals {
   bool stopped_ = false;
 };
 
-// `acl-agent --live`: publishes the kernel's state, loads the plugins, says
-// "ready" once their first refresh has run (and, with --apply, been put in
-// place), runs standard input as it arrives and goes on until a signal.
+// `acl-agent --live`: the agent publishes the kernel's state, loads the
+// plugins and says when it is ready; then standard input runs as it arrives,
+// until a signal.
 int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner& runner,
             const Zov::Ptr<Pell::TaskSchedulerRoot>& loop) {
   StopSignals signals(*loop);
   AclAgent::StateDatabase& db = agent.stateDatabase();
   db.gatewayEnabledIs(options.gatewaySetting.has_value());
   db.gatewaySettingIs(options.gatewaySetting.value_or(0));
-  AclAgent::LiveMode live(loop, db,
-                          AclAgent::LiveOptions{options.backend.netnsTemplate,
-                                                options.backend.netnsDir, options.mdnsGlobs},
-                          std::cerr, [&](const std::string&) { agent.reapply(); });
-  agent.kernelOwnsStateIs(true);
-  loop->runUntil([&] { return live.dumped() || *signals.stopped(); });
-  if (!runner.run("--live", AclAgent::Command{0, AclAgent::LoadCmd{}})) return runner.status();
-  const std::uint64_t callsBefore = agent.ruleService().calls();
-  loop->runUntil([&] { return agent.ruleService().calls() > callsBefore || *signals.stopped(); });
-  agent.drain();
-  runner.out() << "ready\n";
-  runner.out().flush();
+  agent.readyListenerIs([&] {
+    runner.out() << "ready\n";
+    runner.out().flush();
+  });
+  agent.liveIs(options.mdnsGlobs, options.backend.namespaces);
+  // The plugins load on a task of the loop: what their loading raises comes
+  // out here.
+  const bool started = runner.attempt(
+      "--live", 0, [&] { loop->runUntil([&] { return agent.ready() || *signals.stopped(); }); });
+  if (!started) return runner.status();
   runner.runLines(*loop, isatty(STDIN_FILENO), signals.stopped());
   // The end of standard input does not stop a live agent.
   loop->runUntil([&] { return *signals.stopped(); });
@@ -265,9 +270,8 @@ int main(int argc, char** argv) {
     return *status;
   }
   if (options.removeApplied) {
-    return AclAgent::IptablesBackend::removeApplied(options.backend, std::cerr)
-               ? AclAgent::kExitOk
-               : AclAgent::kExitCommandFailed;
+    return AclAgent::removeApplied(options.backend, std::cerr) ? AclAgent::kExitOk
+                                                               : AclAgent::kExitCommandFailed;
   }
 
   // Standard input alone, on a terminal or with -i, runs line by line.

@@ -45,18 +45,19 @@
 #include <string>
 #include <vector>
 
-#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/Backend.h"
 #include "agent/backend/iptables/IptablesText.h"
 #include "agent/os/ChildProcess.h"
+#include "agent/os/Namespaces.h"
 
 namespace bench {
 namespace {
 
+using AclAgent::Backend;
 using AclAgent::ChainRules;
 using AclAgent::ChildCommand;
 using AclAgent::ChildProcess;
 using AclAgent::ChildResult;
-using AclAgent::IptablesBackend;
 using Pell::Nanoseconds;
 
 const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
@@ -116,8 +117,8 @@ Zov::Ptr<Pell::TaskSchedulerRoot> wallLoop() {
   return loop;
 }
 
-AclAgent::IptablesBackendOptions backendOptions() {
-  AclAgent::IptablesBackendOptions options;
+AclAgent::BackendOptions backendOptions() {
+  AclAgent::BackendOptions options;
   options.resyncPeriod = 0;
   return options;
 }
@@ -126,7 +127,7 @@ AclAgent::IptablesBackendOptions backendOptions() {
 // nothing with `*error` set when it could not run or failed.
 std::optional<std::string> runIn(const std::string& netns, ChildCommand command,
                                  std::string* error) {
-  command.netnsFd = ChildProcess::openNamespace("/run/netns/" + netns, error);
+  command.netnsFd = AclAgent::openNamespace("/run/netns/" + netns, error);
   if (command.netnsFd < 0) {
     if (error->empty()) *error = "no namespace " + netns;
     return std::nullopt;
@@ -270,7 +271,7 @@ void reportWatch(benchmark::State& state, const LoopWatch& watch, std::uint64_t 
   state.counters["faults_per_write"] = static_cast<double>(watch.faults()) / n;
 }
 
-std::uint64_t totalWrites(const IptablesBackend& backend) {
+std::uint64_t totalWrites(const Backend& backend) {
   std::uint64_t writes = 0;
   for (const auto& status : backend.statuses()) writes += status.writes;
   return writes;
@@ -302,8 +303,9 @@ void BM_ApplyOneVrf(benchmark::State& state) {
   }
   auto loop = wallLoop();
   std::ostringstream errors;
-  IptablesBackend backend(loop, backendOptions(), errors);
-  backend.vrfSeen(vrfName(1), ChainRules{{"INPUT", {kMdns}}});
+  const std::unique_ptr<Backend> owned = AclAgent::makeBackend(loop, backendOptions(), errors);
+  Backend& backend = *owned;
+  backend.vrfRulesIs(vrfName(1), ChainRules{{"INPUT", {kMdns}}});
   loop->drain();
   const std::uint64_t writesBefore = totalWrites(backend);
   bool other = true;
@@ -314,12 +316,12 @@ void BM_ApplyOneVrf(benchmark::State& state) {
     other = !other;
     watch.start();
     const Nanoseconds start = wallNow(), startCpu = threadCpu();
-    backend.vrfSeen(vrfName(1), rules);
+    backend.vrfRulesIs(vrfName(1), rules);
     longestFirstStep = std::max(longestFirstStep, threadCpu() - startCpu);
     watch.runUntil([&] { return loop->workInFlight() == 0; });
     state.SetIterationTime(static_cast<double>(wallNow() - start) / 1e9);
     watch.stop();
-    if (!backend.allInPlace()) {
+    if (!AclAgent::notInPlace(backend.statuses()).empty()) {
       state.SkipWithError(("the rule is not in place: " + errors.str()).c_str());
       return;
     }
@@ -389,22 +391,23 @@ void BM_Converge(benchmark::State& state) {
     state.PauseTiming();
     if (!clearNamespaces(state, vrfs)) return;
     std::ostringstream errors;
-    AclAgent::IptablesBackendOptions options = backendOptions();
-    options.maxChildren = static_cast<unsigned>(state.range(1));
-    auto backend = std::make_unique<IptablesBackend>(loop, options, errors);
+    AclAgent::BackendOptions options = backendOptions();
+    options.maxJobs = static_cast<unsigned>(state.range(1));
+    auto backend = AclAgent::makeBackend(loop, options, errors);
     const ChainRules rules{{"INPUT", {kMdns}}};
     LoopWatch watch(loop, state.range(2) != 0);
     state.ResumeTiming();
     watch.start();
     const Nanoseconds start = wallNow(), startCpu = threadCpu();
-    for (int i = 1; i <= vrfs; ++i) backend->vrfSeen(vrfName(i), rules);
+    for (int i = 1; i <= vrfs; ++i) backend->vrfRulesIs(vrfName(i), rules);
     state.counters["first_step_us"] = micros(threadCpu() - startCpu);
     watch.runUntil([&] { return loop->workInFlight() == 0; });
     state.SetIterationTime(static_cast<double>(wallNow() - start) / 1e9);
     watch.stop();
     const std::uint64_t writes = totalWrites(*backend);
     reportWatch(state, watch, writes);
-    if (!backend->allInPlace() || writes != static_cast<std::uint64_t>(vrfs)) {
+    if (!AclAgent::notInPlace(backend->statuses()).empty() ||
+        writes != static_cast<std::uint64_t>(vrfs)) {
       state.SkipWithError(("not one write per VRF that put its rule in place: " + errors.str() +
                            " writes=" + std::to_string(writes))
                               .c_str());

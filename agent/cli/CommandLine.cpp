@@ -38,7 +38,8 @@ const char kUsage[] =
     "  --apply              put the rules in place in the kernel with\n"
     "                       iptables-restore, one network namespace per VRF\n"
     "  --netns TEMPLATE     the namespace of a VRF other than default, %s\n"
-    "                       standing for its name (default: %s)\n"
+    "                       standing for its name and %% for a %\n"
+    "                       (default: %s)\n"
     "  --resync SECONDS     read the kernel back and repair drift this often\n"
     "                       (default: 90)\n"
     "  --iptables-restore PATH, --iptables-save PATH\n"
@@ -189,10 +190,9 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
         options.apply = true;
         break;
       case kNetns:
-        options.backend.netnsTemplate = optarg;
-        if (options.backend.netnsTemplate.find("%s") == std::string::npos) {
-          return usageError("--netns wants a template holding %s, got " + shownName(optarg));
-        }
+        if (auto fault = NamespaceMap::templateFault(optarg))
+          return usageError("--netns: " + *fault);
+        options.backend.namespaces = NamespaceMap(optarg, options.backend.namespaces.dir());
         break;
       case kResync:
         if (!parseSeconds(optarg, options.backend.resyncPeriod)) {

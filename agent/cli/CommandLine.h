@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/Backend.h"
 
 namespace AclAgent {
 
@@ -30,7 +30,7 @@ struct CommandLine {
   // --apply, with the backend's options (also those of --remove-applied).
   bool apply = false;
   bool removeApplied = false;
-  IptablesBackendOptions backend;
+  BackendOptions backend;
   // --live: state from the kernel, on the wall clock, until a signal.
   bool live = false;
   std::vector<std::string> mdnsGlobs;           // --mdns-intf, repeatable

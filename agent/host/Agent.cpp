@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "agent/backend/iptables/IptablesShow.h"
 #include "agent/base/Overloaded.h"
 #include "agent/host/PluginView.h"
 
@@ -19,22 +20,24 @@ std::string commandErrorText(const std::exception& e) {
   return text;
 }
 
-Agent::Agent(std::vector<std::string> pluginPaths, std::optional<IptablesBackendOptions> apply,
+Agent::Agent(std::vector<std::string> pluginPaths, std::optional<BackendOptions> apply,
              std::ostream& errors)
     : pluginPaths_(std::move(pluginPaths)),
+      errors_(errors),
       scheduler_(Pell::TaskSchedulerRoot::findOrCreateScheduler()),
       rules_(new RuleService(db_.entityManager())) {
-  if (!apply) return;
-  backend_ = std::make_unique<IptablesBackend>(scheduler_, std::move(*apply), errors);
-  // Every rule that stands came through a finish that changed its VRF, so a
-  // VRF first seen unchanged has none.
-  rules_->finishListenerIs([this](const L3::VrfName& vrf, bool changed) {
-    backend_->vrfSeen(vrf.str(), changed ? std::optional(rules_->vrfRules(vrf)) : std::nullopt);
-  });
+  if (apply) {
+    backend_ = makeBackend(scheduler_, *apply, errors_);
+    backend_->idleListenerIs([this] { checkReady(); });
+  }
+  rules_->finishListenerIs(
+      [this](const L3::VrfName& vrf, bool changed) { handleFinish(vrf, changed); });
 }
 
 Agent::~Agent() {
   rules_->finishListenerIs(nullptr);
+  // The sources go before the database they write to.
+  live_.reset();
   try {
     host_.unloadAll();
   } catch (const std::exception&) {
@@ -42,15 +45,47 @@ Agent::~Agent() {
   }
 }
 
-std::vector<IptablesBackend::VrfStatus> Agent::notApplied() const {
-  std::vector<IptablesBackend::VrfStatus> missing;
-  if (!backend_) return missing;
-  for (IptablesBackend::VrfStatus& status : backend_->statuses()) {
-    if (status.rules > 0 && status.state != IptablesBackend::State::kOk) {
-      missing.push_back(std::move(status));
-    }
+std::vector<VrfStatus> Agent::notApplied() const {
+  return backend_ ? notInPlace(backend_->statuses()) : std::vector<VrfStatus>();
+}
+
+void Agent::handleFinish(const L3::VrfName& vrf, bool changed) {
+  // Every rule that stands came through a finish that changed its VRF, so a
+  // VRF first seen unchanged has none.
+  if (backend_) {
+    backend_->vrfRulesIs(vrf.str(), changed ? std::optional(rules_->vrfRules(vrf)) : std::nullopt);
   }
-  return missing;
+  if (start_ == Start::kRefreshing) {
+    // The rest of the refresh runs first: the check is a task of its own.
+    start_ = Start::kApplying;
+    startTask_->armIn(0);
+  }
+}
+
+void Agent::checkReady() {
+  if (start_ != Start::kApplying || startTask_->armed() || (backend_ && !backend_->idle())) return;
+  start_ = Start::kReady;
+  if (readyListener_) readyListener_();
+}
+
+void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) {
+  if (live_) throw std::logic_error("live mode is on already");
+  startTask_ = std::make_unique<Pell::BackgroundTimer>(scheduler_, "liveStartTask", [this] {
+    if (start_ == Start::kReading) {
+      start_ = Start::kRefreshing;
+      load();
+    } else {
+      checkReady();
+    }
+  });
+  start_ = Start::kReading;
+  LiveOptions options{std::move(mdnsGlobs),
+                      [this](const std::string&) {
+                        if (backend_) backend_->resync();
+                      },
+                      [this] { startTask_->armIn(0); }};
+  live_ = std::make_unique<LiveMode>(scheduler_, db_, std::move(options), std::move(namespaces),
+                                     errors_);
 }
 
 void Agent::load() {
@@ -73,7 +108,7 @@ void Agent::show(ShowWhat what, std::ostream& out) {
       out << rules_->renderRules();
       return;
     case ShowWhat::kIptables:
-      out << rules_->renderIptables();
+      out << renderIptables(rules_->rules());
       return;
     case ShowWhat::kState:
       out << db_.stateText();
@@ -91,37 +126,21 @@ void Agent::show(ShowWhat what, std::ostream& out) {
       out << watchersText();
       return;
     case ShowWhat::kApplied:
-      out << (backend_ ? backend_->appliedText() : "nothing is applied (run with --apply)\n");
+      out << (backend_ ? appliedText(backend_->statuses())
+                       : "nothing is applied (run with --apply)\n");
       return;
   }
 }
 
-namespace {
-// Whether `args` publishes links, interfaces or VRFs, and its words if so.
-const char* publishesKernelState(const CommandArgs& args) {
-  return std::visit(Overloaded{
-                        [](const LinkSetCmd&) { return "link set"; },
-                        [](const LinkReplaceCmd&) { return "link replace"; },
-                        [](const LinkDelCmd&) { return "link del"; },
-                        [](const IntfSetCmd&) { return "intf set"; },
-                        [](const IntfReplaceCmd&) { return "intf replace"; },
-                        [](const IntfDelCmd&) { return "intf del"; },
-                        [](const VrfAddCmd&) { return "vrf add"; },
-                        [](const VrfDelCmd&) { return "vrf del"; },
-                        [](const OmitCmd&) { return "omit"; },
-                        [](const RecreateCmd&) { return "recreate"; },
-                        [](const auto&) -> const char* { return nullptr; },
-                    },
-                    args);
-}
-}  // namespace
-
 void Agent::run(const Command& command, std::ostream& out) {
-  if (const char* words = kernelOwnsState_ ? publishesKernelState(command.args) : nullptr) {
-    throw std::runtime_error(std::string(words) +
-                             " is refused: in live mode the kernel owns links, interfaces and "
-                             "VRFs");
+  try {
+    runCommand(command, out);
+  } catch (const ClaimedPathException& e) {
+    throw std::runtime_error(std::string(commandWords(command.args)) + " is refused: " + e.what());
   }
+}
+
+void Agent::runCommand(const Command& command, std::ostream& out) {
   std::visit(Overloaded{
                  [&](const GatewayEnabledCmd& c) { db_.gatewayEnabledIs(c.enabled); },
                  [&](const GatewaySettingCmd& c) { db_.gatewaySettingIs(c.setting); },

@@ -1,10 +1,18 @@
 // Agent: the reference ACL agent that `acl-agent` runs. It owns the event
 // loop, the state database with the published entities, the rule service
-// that plugins talk to, and the plugin host; `run` carries out one scenario
-// command against them.
+// that plugins talk to, the plugin host, and, as asked, the kernel backend
+// that puts what stands in place and the live state source; `run` carries
+// out one scenario command against them.
 //
 //   AclAgent::Agent agent({"/path/McastDnsAclPlugin.so"});
 //   agent.run(command, std::cout);   // raises on a command that fails
+//
+// Live, the kernel publishes links, interfaces and VRFs instead of the
+// scenario, and the agent says when it is ready:
+//
+//   agent.readyListenerIs([] { std::cout << "ready\n"; });
+//   agent.liveIs({"eth*"});            // loads the plugins once the kernel is read
+//   loop->runUntil([&] { return stopped; });
 //
 // A command that fails raises an exception whose text says what went wrong
 // (`commandErrorText` makes the message that reports it); what the command
@@ -21,11 +29,12 @@
 #include <string>
 #include <vector>
 
-#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/Backend.h"
 #include "agent/host/PluginHost.h"
 #include "agent/host/RuleService.h"
-#include "agent/scenario/Scenario.h"
 #include "agent/host/StateDatabase.h"
+#include "agent/live/LiveMode.h"
+#include "agent/scenario/Scenario.h"
 #include "platform/Pell.h"
 
 namespace AclAgent {
@@ -37,10 +46,10 @@ std::string commandErrorText(const std::exception& e);
 
 class Agent {
  public:
-  // With `apply`, what stands is also put in place in the kernel, and the
-  // backend reports its errors to `errors`.
+  // With `apply`, what stands is also put in place in the kernel. The
+  // backend and live mode report their errors to `errors`.
   explicit Agent(std::vector<std::string> pluginPaths,
-                 std::optional<IptablesBackendOptions> apply = std::nullopt,
+                 std::optional<BackendOptions> apply = std::nullopt,
                  std::ostream& errors = std::cerr);
   // Unloads the plugins before the services they hold go.
   ~Agent();
@@ -53,18 +62,20 @@ class Agent {
   // Waits until the kernel backend has no child process in flight: the end
   // of a scenario. Nothing to wait for without --apply.
   void drain() { scheduler_->drain(); }
-  // False when, with --apply, some VRF's rules are not in place.
-  bool applied() const { return !backend_ || backend_->allInPlace(); }
-  // In live mode the kernel owns links, interfaces and VRFs: commands that
-  // publish them are refused.
-  void kernelOwnsStateIs(bool owns) { kernelOwnsState_ = owns; }
-  // Reads every VRF back and repairs what is not in place (with --apply).
-  void reapply() {
-    if (backend_) backend_->resync();
-  }
-
   // With --apply, the VRFs whose rules must stand and are not in place.
-  std::vector<IptablesBackend::VrfStatus> notApplied() const;
+  std::vector<VrfStatus> notApplied() const;
+
+  // Live mode: the kernel's links, interfaces and VRFs (in `namespaces`) are
+  // published from now on, and commands that publish them are refused. Once
+  // every namespace has been read, the plugins are loaded, as `load` does,
+  // on a task of the loop; a `PluginLoadError` comes out of the loop call
+  // that ran it. The gateway stays as the configuration says.
+  // REQUIRES: live mode is not on yet.
+  void liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces);
+  // Called once, when the plugins' first refresh after `liveIs` has run and,
+  // with --apply, been put in place (or failed, and waits for its retry).
+  void readyListenerIs(std::function<void()> listener) { readyListener_ = std::move(listener); }
+  bool ready() const { return start_ == Start::kReady; }
 
   StateDatabase& stateDatabase() { return db_; }
   RuleService& ruleService() { return *rules_; }
@@ -74,14 +85,27 @@ class Agent {
   void load();
   void unload();
   void show(ShowWhat what, std::ostream& out);
+  void runCommand(const Command& command, std::ostream& out);
+  // A finish named `vrf`: the backend learns what stands there, and live
+  // mode's first refresh may be over.
+  void handleFinish(const L3::VrfName& vrf, bool changed);
+  void checkReady();
 
   std::vector<std::string> pluginPaths_;
+  std::ostream& errors_;
   Zov::Ptr<Pell::TaskSchedulerRoot> scheduler_;
   StateDatabase db_;
   Zov::Ptr<RuleService> rules_;
   PluginHost host_;
-  std::unique_ptr<IptablesBackend> backend_;
-  bool kernelOwnsState_ = false;
+  std::unique_ptr<Backend> backend_;
+  std::unique_ptr<LiveMode> live_;
+
+  // Live mode's start: the load once the kernel is read, then the check,
+  // after the task that made the first refresh, that it has been applied.
+  enum class Start : std::uint8_t { kIdle, kReading, kRefreshing, kApplying, kReady };
+  Start start_ = Start::kIdle;
+  std::function<void()> readyListener_;
+  std::unique_ptr<Pell::BackgroundTimer> startTask_;
 };
 
 }  // namespace AclAgent

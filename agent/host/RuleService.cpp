@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/base/ChainRules.h"
 #include "agent/base/Text.h"
 
 namespace AclAgent {
@@ -18,45 +19,14 @@ unsigned number(Acl::AclDirection v) {
   return static_cast<unsigned>(v);
 }
 
-// The text shared by every line that names a whole rule key.
-std::string keyFields(const RuleKey& key) {
+}  // namespace
+
+std::string ruleKeyText(const RuleKey& key) {
   return "ipt=" + std::to_string(number(key.iptablesType)) +
          " acl=" + std::to_string(number(key.aclType)) + " vrf=" + quoteName(key.vrf.view()) +
          " dir=" + std::to_string(number(key.direction)) + " chain=" + quoteName(key.chain.view()) +
          " owner=" + quoteName(key.owner.view()) + " seq=" + std::to_string(key.sequence);
 }
-
-bool isControl(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte < 0x20 || byte == 0x7f;
-}
-
-// Chains every filter table has; any other must be declared before use.
-bool isBuiltinChain(std::string_view chain) {
-  return chain == "INPUT" || chain == "FORWARD" || chain == "OUTPUT";
-}
-
-// Why `chain` cannot be named on a restore line, or null when it can.
-const char* chainFault(std::string_view chain) {
-  if (chain.empty()) return "the chain name is empty";
-  for (char c : chain) {
-    if (c == ' ' || isControl(c)) return "the chain name holds white space or control bytes";
-  }
-  return nullptr;
-}
-
-// Why `text` (its one trailing newline already taken off) cannot stand as the
-// rest of one restore line, or null when it can. A tab separates words there
-// like a space does.
-const char* textFault(std::string_view text) {
-  for (char c : text) {
-    if (c == '\n') return "the rule text has a line break before its end";
-    if (c != '\t' && isControl(c)) return "the rule text holds control bytes";
-  }
-  return nullptr;
-}
-
-}  // namespace
 
 RuleService::RuleService(Zov::Ptr<Korvel::EntityManager> entityManager)
     : entityManager_(std::move(entityManager)) {}
@@ -267,13 +237,13 @@ std::string RuleService::renderCalls() {
   for (const RuleCall& call : log_) {
     switch (call.kind) {
       case RuleCall::Kind::kRegister:
-        out += "register " + keyFields(call.key) + " rule=" + quoteName(call.rule.text.view()) +
+        out += "register " + ruleKeyText(call.key) + " rule=" + quoteName(call.rule.text.view()) +
                " text2=" + quoteName(call.rule.text2.view()) +
                " text3=" + quoteName(call.rule.text3.view()) +
                " flag=" + (call.rule.flag ? "true" : "false") + "\n";
         break;
       case RuleCall::Kind::kUnregister:
-        out += "unregister " + keyFields(call.key) + "\n";
+        out += "unregister " + ruleKeyText(call.key) + "\n";
         break;
       case RuleCall::Kind::kFinish:
         out += "finish ipt=" + std::to_string(number(call.key.iptablesType)) +
@@ -305,7 +275,7 @@ ChainRules RuleService::vrfRules(const L3::VrfName& vrf) const {
     }
     std::string_view text = rule.text.view();
     if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    if (chainFault(key.chain.view()) || textFault(text)) continue;
+    if (chainNameFault(key.chain.view()) || ruleTextFault(text)) continue;
     placed.emplace(Placement{key.chain, key.owner, key.sequence, key.direction}, text);
   }
   ChainRules chains;
@@ -319,71 +289,8 @@ std::string RuleService::renderRules() const {
   if (rules_.empty()) return "no rules\n";
   std::string out;
   for (const auto& [key, rule] : rules_) {
-    out += "rule " + keyFields(key) + " rule=" + quoteName(rule.text.view()) + "\n";
+    out += "rule " + ruleKeyText(key) + " rule=" + quoteName(rule.text.view()) + "\n";
   }
-  return out;
-}
-
-std::string RuleService::renderIptables() const {
-  // The standing rules again, in output order: VRF, table (ipt, acl), chain,
-  // then owner, sequence number and direction within the chain.
-  using Placement = std::tuple<L3::VrfName, Acl::IptablesType, Acl::AclType, Zov::String,
-                               Zov::String, unsigned int, Acl::AclDirection>;
-  std::map<Placement, std::pair<const RuleKey*, const Rule*>> placed;
-  for (const auto& [key, rule] : rules_) {
-    placed.emplace(Placement{key.vrf, key.iptablesType, key.aclType, key.chain, key.owner,
-                             key.sequence, key.direction},
-                   std::pair{&key, &rule});
-  }
-
-  std::string out;
-  const RuleKey* block = nullptr;  // the first rule of the open block
-  const RuleKey* chain = nullptr;  // the first rule of the current chain
-  auto closeBlock = [&] {
-    if (block) out += "COMMIT\n";
-  };
-  for (const auto& [placement, entry] : placed) {
-    const auto& [key, rule] = entry;
-    if (!block || block->vrf != key->vrf || block->iptablesType != key->iptablesType ||
-        block->aclType != key->aclType) {
-      closeBlock();
-      block = key;
-      chain = nullptr;
-      out += "# vrf " + quoteName(key->vrf.view());
-      if (key->iptablesType != Acl::IptablesType::kIptables ||
-          key->aclType != Acl::AclType::kControlPlane) {
-        out += " ipt=" + std::to_string(number(key->iptablesType)) +
-               " acl=" + std::to_string(number(key->aclType));
-      }
-      out += "\n*filter\n";
-    }
-    const std::string_view chainName = key->chain.view();
-    const char* fault = chainFault(chainName);
-    const bool newChain = !chain || chain->chain != key->chain;
-    chain = key;
-    if (newChain && !fault && !isBuiltinChain(chainName)) {
-      out += ':';
-      out += chainName;
-      out += " - [0:0]\n";
-    }
-
-    std::string_view text = rule->text.view();
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    if (!fault) fault = textFault(text);
-    if (fault) {
-      out += "# not restorable: " + keyFields(*key) + " rule=" + quoteName(rule->text.view()) +
-             " (" + fault + ")\n";
-      continue;
-    }
-    out += "-A ";
-    out += chainName;
-    if (!text.empty()) {
-      out += ' ';
-      out += text;
-    }
-    out += '\n';
-  }
-  closeBlock();
   return out;
 }
 

@@ -15,7 +15,7 @@
 //
 //   Zov::Ptr<RuleService> rules(new RuleService(entityManager));
 //   plugin->init(rules.ptr());
-//   std::cout << rules->renderCalls() << rules->renderRules() << rules->renderIptables();
+//   std::cout << rules->renderCalls() << rules->renderRules();
 //
 // Each batch keeps what its last finishes made stand under the keys it has
 // named, so that a registration or withdrawal finds out at once whether it
@@ -38,6 +38,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "agent/base/ChainRules.h"
 #include "platform/Acl.h"
 #include "platform/Korvel.h"
 #include "platform/L3.h"
@@ -84,10 +85,9 @@ struct RuleCall {
   Rule rule;
 };
 
-// What stands in one VRF for the kernel's filter table (iptables type 0, ACL
-// type 0): each chain, in bytewise order, with its restorable rule texts
-// (without their final newline) in the order `show iptables` gives.
-using ChainRules = std::map<std::string, std::vector<std::string>>;
+// The text shared by every line that names a whole rule key:
+// ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugin" seq=0
+std::string ruleKeyText(const RuleKey& key);
 
 class RuleService : public Acl::PluginContext {
  public:
@@ -110,8 +110,10 @@ class RuleService : public Acl::PluginContext {
 
   // The rules in force, in `show rules` order.
   const std::map<RuleKey, Rule>& rules() const { return rules_; }
-  // The filter table's rules in force in `vrf`; a rule that is not
-  // restorable (see `renderIptables`) is left out.
+  // What must stand in `vrf`: the rules in force of iptables type 0 and ACL
+  // type 0, each chain's in order of owner, sequence number (then
+  // direction). A rule whose chain name or text cannot be one rule line
+  // (`chainNameFault`, `ruleTextFault`) is left out.
   ChainRules vrfRules(const L3::VrfName& vrf) const;
 
   // Called after every finish with the VRF it named and whether it changed
@@ -139,20 +141,6 @@ class RuleService : public Acl::PluginContext {
   std::string renderCalls();
   // `show rules`: the rules in force, or "no rules".
   std::string renderRules() const;
-  // `show iptables`: per VRF, in bytewise order of its name, a comment line
-  // naming the VRF and a `*filter` ... `COMMIT` block that
-  // `iptables-restore --noflush` accepts, holding the VRF's rules of
-  // iptables type 0 and ACL type 0, chains in bytewise order and each chain's
-  // rules in order of owner, sequence number (then direction). Rules of any
-  // other iptables or ACL type get a block of their own after it, headed
-  // `# vrf "NAME" ipt=I acl=A`, for the restore program of that table.
-  // A chain other than INPUT, FORWARD and OUTPUT is declared (":NAME - [0:0]")
-  // before its rules. A rule whose text cannot stand as one line (a line
-  // break before its end, or another control byte) or whose chain name is
-  // empty or holds white space or control bytes is not restorable: it is
-  // left out and a comment line in its place says which rule and why. Nothing
-  // at all when no rule stands.
-  std::string renderIptables() const;
 
  private:
   using RuleMap = std::map<RuleKey, Rule>;

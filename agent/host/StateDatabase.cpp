@@ -89,8 +89,28 @@ Zov::Ptr<T> StateDatabase::entity(StatePath path) const {
   return Zov::ptrCast<T>(entityManager_->getEntity(statePathFull(path)));
 }
 
+StateDatabase::Claim::Claim(StateDatabase& db, std::vector<StatePath> paths, std::string reason)
+    : db_(db), paths_(std::move(paths)), reason_(std::move(reason)) {
+  for (StatePath path : paths_) {
+    if (db_.claims_[static_cast<std::size_t>(path)]) {
+      throw StateDatabaseException(std::string(statePathName(path)) + " is claimed already");
+    }
+  }
+  for (StatePath path : paths_) db_.claims_[static_cast<std::size_t>(path)] = this;
+}
+
+StateDatabase::Claim::~Claim() {
+  for (StatePath path : paths_) db_.claims_[static_cast<std::size_t>(path)] = nullptr;
+}
+
+void StateDatabase::checkClaim(StatePath path) const {
+  const Claim* claim = claims_[static_cast<std::size_t>(path)];
+  if (claim && claim != writer_) throw ClaimedPathException(claim->reason());
+}
+
 template <class T>
 Zov::Ptr<T> StateDatabase::writable(StatePath path) const {
+  checkClaim(path);
   Zov::Ptr<T> found = entity<T>(path);
   if (!found) {
     throw StateDatabaseException(std::string(statePathName(path)) +
@@ -191,6 +211,7 @@ void StateDatabase::vrfDel(VrfView view, const std::string& name) {
 }
 
 void StateDatabase::entityDel(StatePath path) {
+  checkClaim(path);
   if (loaded_) {
     throw StateDatabaseException("omit " + std::string(statePathName(path)) +
                                  " is only allowed before load");

@@ -29,6 +29,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/Ip.h"
 #include "platform/Korvel.h"
@@ -77,6 +78,13 @@ class StateDatabaseException : public Zov::Exception {
   using Zov::Exception::Exception;
 };
 
+// A write to a path that a state source has claimed, from anyone else; its
+// text is the reason the source gave.
+class ClaimedPathException : public StateDatabaseException {
+ public:
+  using StateDatabaseException::StateDatabaseException;
+};
+
 class StateDatabase {
  public:
   // Publishes the five entities, empty.
@@ -86,6 +94,42 @@ class StateDatabase {
   ~StateDatabase();
 
   const Zov::Ptr<Korvel::EntityManager>& entityManager() const { return entityManager_; }
+
+  // A state source's hold on the paths it publishes. While a claim lives,
+  // writes to its paths (`omit` and `recreate` included) from anyone but its
+  // holder raise `ClaimedPathException` with `reason`; the holder writes
+  // through `write`. A path is claimed by one source at a time.
+  //
+  //   StateDatabase::Claim claim(db, {StatePath::kMdnsStatus}, "the kernel owns links");
+  //   claim.write([](StateDatabase& db) { db.linkStateIs({"eth0", 0}, 1); });
+  //   db.linkStatusDel({"eth0", 0});   // raises: the kernel owns links
+  class Claim {
+   public:
+    // REQUIRES: none of `paths` is claimed (raises `StateDatabaseException`).
+    Claim(StateDatabase& db, std::vector<StatePath> paths, std::string reason);
+    ~Claim();
+    Claim(const Claim&) = delete;
+    Claim& operator=(const Claim&) = delete;
+
+    template <class Write>
+    void write(Write&& write) {
+      const Claim* outer = db_.writer_;
+      db_.writer_ = this;
+      try {
+        write(db_);
+      } catch (...) {
+        db_.writer_ = outer;
+        throw;
+      }
+      db_.writer_ = outer;
+    }
+    const std::string& reason() const { return reason_; }
+
+   private:
+    StateDatabase& db_;
+    std::vector<StatePath> paths_;
+    std::string reason_;
+  };
 
   // Set by the host once the plugins have been loaded; `entityDel` is refused
   // from then on, since a path that mounters may already hold cannot vanish.
@@ -141,12 +185,17 @@ class StateDatabase {
  private:
   template <class T>
   Zov::Ptr<T> entity(StatePath path) const;
+  // Raises `ClaimedPathException` when a source other than the one writing
+  // has claimed `path`.
+  void checkClaim(StatePath path) const;
   // The entity at `path`, raising when the path has been omitted.
   template <class T>
   Zov::Ptr<T> writable(StatePath path) const;
 
   Zov::Ptr<Korvel::EntityManager> entityManager_;
   bool loaded_ = false;
+  std::array<const Claim*, kStatePaths.size()> claims_{};
+  const Claim* writer_ = nullptr;  // the claim whose `write` runs
 };
 
 }  // namespace AclAgent

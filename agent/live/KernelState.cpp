@@ -3,15 +3,19 @@
 #include <fnmatch.h>
 #include <net/if.h>
 
+#include "agent/os/Namespaces.h"
+
 namespace AclAgent {
 
-namespace {
-const std::string kDefaultVrf = "default";
-}  // namespace
+const std::string KernelState::kOwned = "in live mode the kernel owns links, interfaces and VRFs";
 
 KernelState::KernelState(StateDatabase& db, std::vector<std::string> mdnsGlobs)
-    : db_(db), globs_(std::move(mdnsGlobs)) {
-  vrfIs(kDefaultVrf);
+    : claim_(db,
+             {StatePath::kMdnsStatus, StatePath::kL3IntfStatus, StatePath::kVrfStatusGlobal,
+              StatePath::kVrfStatusLocal},
+             kOwned),
+      globs_(std::move(mdnsGlobs)) {
+  vrfIs(std::string(kDefaultVrf));
 }
 
 std::string KernelState::intfId(const std::string& vrf, const std::string& name) {
@@ -31,7 +35,7 @@ std::uint8_t KernelState::linkState(const KernelLink& link) const {
 void KernelState::vrfIs(const std::string& vrf) {
   if (namespaces_.count(vrf)) return;
   namespaces_[vrf];
-  db_.vrfIs(VrfView::kGlobal, vrf);
+  claim_.write([&](StateDatabase& db) { db.vrfIs(VrfView::kGlobal, vrf); });
 }
 
 void KernelState::vrfDel(const std::string& vrf) {
@@ -39,19 +43,23 @@ void KernelState::vrfDel(const std::string& vrf) {
   if (it == namespaces_.end() || vrf == kDefaultVrf) return;
   for (const auto& [index, link] : it->second.links) withdraw(vrf, link);
   namespaces_.erase(it);
-  db_.vrfDel(VrfView::kGlobal, vrf);
+  claim_.write([&](StateDatabase& db) { db.vrfDel(VrfView::kGlobal, vrf); });
 }
 
 void KernelState::publish(const std::string& vrf, const KernelLink& link) {
   const std::string id = intfId(vrf, link.name);
-  db_.intfVrfIs(id, vrf);
-  db_.linkStateIs(LinkName{id, 0}, linkState(link));
+  claim_.write([&](StateDatabase& db) {
+    db.intfVrfIs(id, vrf);
+    db.linkStateIs(LinkName{id, 0}, linkState(link));
+  });
 }
 
 void KernelState::withdraw(const std::string& vrf, const KernelLink& link) {
   const std::string id = intfId(vrf, link.name);
-  db_.linkStatusDel(LinkName{id, 0});
-  db_.intfStatusDel(id);
+  claim_.write([&](StateDatabase& db) {
+    db.linkStatusDel(LinkName{id, 0});
+    db.intfStatusDel(id);
+  });
 }
 
 void KernelState::linkIs(const std::string& vrf, int ifindex, const KernelLink& link) {

@@ -43,7 +43,10 @@ class KernelState {
  public:
   // `mdnsGlobs`: the names (fnmatch patterns) whose links may be in state 1;
   // empty means every name.
+  // Claims the paths of links, interfaces and VRFs: other writes to them are
+  // refused with `kOwned` while this lives.
   KernelState(StateDatabase& db, std::vector<std::string> mdnsGlobs);
+  static const std::string kOwned;
 
   // The interface id of interface `name` in the namespace of `vrf`.
   static std::string intfId(const std::string& vrf, const std::string& name);
@@ -77,7 +80,7 @@ class KernelState {
   void publish(const std::string& vrf, const KernelLink& link);
   void withdraw(const std::string& vrf, const KernelLink& link);
 
-  StateDatabase& db_;
+  StateDatabase::Claim claim_;
   std::vector<std::string> globs_;
   std::map<std::string, Namespace> namespaces_;
 };

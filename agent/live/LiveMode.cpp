@@ -7,58 +7,38 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/backend/iptables/IptablesText.h"
 #include "agent/base/Text.h"
 
 namespace AclAgent {
 
 namespace {
-const std::string kDefaultVrf = "default";
 // How often, and how many times, a namespace file that is not mounted yet is
 // tried again.
 constexpr Pell::Nanoseconds kRetryDelay = 20'000'000;
 constexpr int kRetries = 50;
 }  // namespace
 
-std::optional<std::string> LiveMode::vrfOfNamespace(const std::string& netnsTemplate,
-                                                    const std::string& name) {
-  const std::size_t at = netnsTemplate.find("%s");
-  if (at == std::string::npos) return std::nullopt;
-  const std::string prefix = netnsTemplate.substr(0, at);
-  const std::string suffix = netnsTemplate.substr(at + 2);
-  if (name.size() <= prefix.size() + suffix.size() || !name.starts_with(prefix) ||
-      !name.ends_with(suffix)) {
-    return std::nullopt;
-  }
-  std::string vrf = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
-  // The template must give this very name back (it may hold "%s" twice).
-  if (netnsName(netnsTemplate, vrf) != name || vrf == kDefaultVrf) return std::nullopt;
-  return vrf;
-}
-
 LiveMode::LiveMode(const Zov::Ptr<Pell::TaskSchedulerRoot>& loop, StateDatabase& db,
-                   LiveOptions options, std::ostream& errors,
-                   std::function<void(const std::string&)> namespaceAppeared)
+                   LiveOptions options, NamespaceMap namespaces, std::ostream& errors)
     : loop_(loop),
       options_(std::move(options)),
+      namespaces_(std::move(namespaces)),
       errors_(errors),
       state_(db, options_.mdnsGlobs),
       retry_(loop, "namespaceRetryTask", [this] { retryPending(); }) {
-  follow(kDefaultVrf, "");
+  follow(std::string(kDefaultVrf), "");
   inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (inotify_ < 0 || inotify_add_watch(inotify_, options_.netnsDir.c_str(),
+  if (inotify_ < 0 || inotify_add_watch(inotify_, namespaces_.dir().c_str(),
                                         IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM) < 0) {
-    errors_ << "acl-agent: cannot follow namespaces in " << quoteName(options_.netnsDir) << ": "
+    errors_ << "acl-agent: cannot follow namespaces in " << quoteName(namespaces_.dir()) << ": "
             << std::strerror(errno) << " (only VRF default is followed)\n";
   } else {
     watch_ = Pell::FdWatch(*loop_, inotify_, [this] { readNamespaceEvents(); });
   }
-  if (DIR* dir = opendir(options_.netnsDir.c_str())) {
-    while (dirent* entry = readdir(dir)) namespaceIs(entry->d_name);
-    closedir(dir);
-  }
+  std::string error;
+  for (const std::string& name : namespaces_.listed(&error)) namespaceIs(name);
   // Only namespaces that appear later are news to the backend.
-  namespaceAppeared_ = std::move(namespaceAppeared);
+  started_ = true;
 }
 
 LiveMode::~LiveMode() {
@@ -84,22 +64,29 @@ void LiveMode::follow(const std::string& vrf, const std::string& netnsPath) {
       [this, vrf](int index, const KernelLink& link) { state_.linkIs(vrf, index, link); },
       [this, vrf](int index) { state_.linkDel(vrf, index); },
       [this, vrf] { state_.dumpBegin(vrf); },
-      [this, vrf] { state_.dumpEnd(vrf); },
+      [this, vrf] { dumpEnded(vrf); },
   };
   monitors_[vrf] = std::make_unique<LinkMonitor>(*loop_, netnsPath, std::move(handlers));
 }
 
+void LiveMode::dumpEnded(const std::string& vrf) {
+  state_.dumpEnd(vrf);
+  if (dumpedOnce_ || !dumped()) return;
+  dumpedOnce_ = true;
+  if (options_.dumped) options_.dumped();
+}
+
 void LiveMode::namespaceIs(const std::string& name) {
-  const std::optional<std::string> vrf = vrfOfNamespace(options_.netnsTemplate, name);
-  if (!vrf || netnsNameFault(name)) return;
+  const std::optional<std::string> vrf = namespaces_.vrfOf(name);
+  if (!vrf) return;
   // A namespace made again under the same name is a new one.
   if (monitors_.count(*vrf)) namespaceDel(name);
   // The VRF is known before its links are reported.
   state_.vrfIs(*vrf);
   try {
-    follow(*vrf, options_.netnsDir + "/" + name);
+    follow(*vrf, namespaces_.pathOf(name));
     pending_.erase(*vrf);
-    if (namespaceAppeared_) namespaceAppeared_(*vrf);
+    if (started_ && options_.namespaceAppeared) options_.namespaceAppeared(*vrf);
   } catch (const std::runtime_error& e) {
     state_.vrfDel(*vrf);
     // `ip netns add` makes the file first and mounts the namespace on it
@@ -114,7 +101,7 @@ void LiveMode::namespaceIs(const std::string& name) {
 }
 
 void LiveMode::namespaceDel(const std::string& name) {
-  const std::optional<std::string> vrf = vrfOfNamespace(options_.netnsTemplate, name);
+  const std::optional<std::string> vrf = namespaces_.vrfOf(name);
   if (!vrf) return;
   pending_.erase(*vrf);
   monitors_.erase(*vrf);
@@ -124,7 +111,7 @@ void LiveMode::namespaceDel(const std::string& name) {
 void LiveMode::retryPending() {
   std::vector<std::string> names;
   for (const auto& [vrf, attempts] : pending_) {
-    names.push_back(netnsName(options_.netnsTemplate, vrf));
+    names.push_back(namespaces_.netnsOf(vrf));
   }
   for (const std::string& name : names) namespaceIs(name);
 }

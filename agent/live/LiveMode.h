@@ -1,11 +1,11 @@
 // LiveMode: `acl-agent --live`, the device's state from the Linux kernel as
 // it changes.
 //
-//   LiveMode live(loop, db, options, errors);   // publishes what is there now
-//   loop->runUntil([&] { return stopped; });     // and follows every change
+//   LiveMode live(loop, db, {}, NamespaceMap("%s"), errors);  // publishes what is there now
+//   loop->runUntil([&] { return stopped; });                 // and follows every change
 //
-// VRFs are "default" (the agent's own namespace) and each namespace under
-// `netnsDir` whose name the template gives, followed with inotify as
+// VRFs are "default" (the agent's own namespace) and each namespace of the
+// namespace map's folder that is a VRF's, followed with inotify as
 // namespaces come and go; a namespace deleted and made again is a new one.
 // Each namespace's links are followed by a `LinkMonitor` opened inside it and
 // published through `KernelState`. A namespace whose file appears before it
@@ -24,29 +24,26 @@
 
 #include "agent/live/KernelState.h"
 #include "agent/live/LinkMonitor.h"
+#include "agent/os/Namespaces.h"
 
 namespace AclAgent {
 
 struct LiveOptions {
-  std::string netnsTemplate = "%s";
-  std::string netnsDir = "/run/netns";
   std::vector<std::string> mdnsGlobs;  // empty: every interface
+  // Called with the VRF of each namespace that appears after the start (the
+  // kernel backend reads it back then).
+  std::function<void(const std::string& vrf)> namespaceAppeared;
+  // Called once, when every namespace followed has first been read whole.
+  std::function<void()> dumped;
 };
 
 class LiveMode {
  public:
-  // `namespaceAppeared` is called with the VRF of each namespace that
-  // appears after the start (the kernel backend reads it back then).
   LiveMode(const Zov::Ptr<Pell::TaskSchedulerRoot>& loop, StateDatabase& db, LiveOptions options,
-           std::ostream& errors,
-           std::function<void(const std::string& vrf)> namespaceAppeared = {});
+           NamespaceMap namespaces, std::ostream& errors);
   ~LiveMode();
   LiveMode(const LiveMode&) = delete;
   LiveMode& operator=(const LiveMode&) = delete;
-
-  // The VRF whose namespace is `name` under the template, if any.
-  static std::optional<std::string> vrfOfNamespace(const std::string& netnsTemplate,
-                                                   const std::string& name);
 
   const KernelState& state() const { return state_; }
   // Dumps over all namespaces; more than one per namespace means
@@ -61,11 +58,14 @@ class LiveMode {
   void namespaceDel(const std::string& name);
   void readNamespaceEvents();
   void retryPending();
+  void dumpEnded(const std::string& vrf);
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
   LiveOptions options_;
+  NamespaceMap namespaces_;
   std::ostream& errors_;
-  std::function<void(const std::string&)> namespaceAppeared_;
+  bool started_ = false;  // past the first namespaces, which are no news
+  bool dumpedOnce_ = false;
   KernelState state_;
   std::map<std::string, std::unique_ptr<LinkMonitor>> monitors_;  // by VRF
   std::map<std::string, int> pending_;  // VRF -> attempts, not yet mounted

@@ -315,14 +315,6 @@ std::string ChildResult::whyFailed(const std::string& program, Pell::Nanoseconds
   return program + " exited with status " + std::to_string(status);
 }
 
-int ChildProcess::openNamespace(const std::string& path, std::string* error) {
-  const int fd = aboveStdio(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd < 0) {
-    *error = errno == ENOENT ? "" : "cannot open \"" + path + "\": " + errorText(errno);
-  }
-  return fd;
-}
-
 std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRoot> loop,
                                                   const ChildCommand& command,
                                                   Pell::Nanoseconds timeout, Done done,

@@ -42,8 +42,9 @@ struct ChildCommand {
   // Looked up on PATH when it holds no '/', unless `path` is given.
   std::string program;
   std::vector<std::string> args;
-  // A network namespace to enter before running the program; -1: stay. The
-  // caller keeps it open until `start` or `run` returns.
+  // A network namespace to enter before running the program (`openNamespace`
+  // opens one); -1: stay. The caller keeps it open until `start` or `run`
+  // returns.
   int netnsFd = -1;
   std::string input;
   // The file `program` names, when looked up already (`findProgram`).
@@ -93,10 +94,6 @@ class ChildProcess {
   // else the first executable file of that name on PATH; nothing, with
   // `*error` set, when there is none.
   static std::optional<std::string> findProgram(const std::string& program, std::string* error);
-
-  // Opens the network namespace file `path` for `ChildCommand::netnsFd`; -1
-  // when it cannot, with `*error` set, or empty when no such file exists.
-  static int openNamespace(const std::string& path, std::string* error);
 
  private:
   ChildProcess();

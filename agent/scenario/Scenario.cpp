@@ -1,5 +1,7 @@
 #include "agent/scenario/Scenario.h"
 
+#include "agent/base/Overloaded.h"
+
 #include <cstdio>
 #include <functional>
 #include <limits>
@@ -555,6 +557,33 @@ ParsedScenario parseScenario(std::string_view text, const std::string& file) {
   });
   if (!parsed.ok()) parsed.commands.clear();
   return parsed;
+}
+
+std::string_view commandWords(const CommandArgs& args) {
+  return std::visit(Overloaded{
+                        [](const GatewayEnabledCmd&) { return "config gateway-enabled"; },
+                        [](const GatewaySettingCmd&) { return "config gateway-setting"; },
+                        [](const LinkSetCmd&) { return "link set"; },
+                        [](const LinkReplaceCmd&) { return "link replace"; },
+                        [](const LinkDelCmd&) { return "link del"; },
+                        [](const IntfSetCmd&) { return "intf set"; },
+                        [](const IntfReplaceCmd&) { return "intf replace"; },
+                        [](const IntfDelCmd&) { return "intf del"; },
+                        [](const VrfAddCmd&) { return "vrf add"; },
+                        [](const VrfDelCmd&) { return "vrf del"; },
+                        [](const OmitCmd&) { return "omit"; },
+                        [](const RecreateCmd&) { return "recreate"; },
+                        [](const LoadCmd&) { return "load"; },
+                        [](const UnloadCmd&) { return "unload"; },
+                        [](const RemountCmd&) { return "remount"; },
+                        [](const AdvanceCmd&) { return "advance"; },
+                        [](const SettleCmd&) { return "settle"; },
+                        [](const EchoCmd&) { return "echo"; },
+                        [](const ShowCmd&) { return "show"; },
+                        [](const ClearCallsCmd&) { return "clear calls"; },
+                        [](const ResyncCmd&) { return "resync"; },
+                    },
+                    args);
 }
 
 }  // namespace AclAgent

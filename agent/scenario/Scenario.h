@@ -48,8 +48,8 @@
 #include <variant>
 #include <vector>
 
-#include "agent/host/StateDatabase.h"
 #include "agent/base/Text.h"
+#include "agent/host/StateDatabase.h"
 
 namespace AclAgent {
 
@@ -168,6 +168,10 @@ using CommandArgs = std::variant<GatewayEnabledCmd, GatewaySettingCmd, LinkSetCm
                                  LinkDelCmd, IntfSetCmd, IntfReplaceCmd, IntfDelCmd, VrfAddCmd,
                                  VrfDelCmd, OmitCmd, RecreateCmd, LoadCmd, UnloadCmd, RemountCmd,
                                  AdvanceCmd, SettleCmd, EchoCmd, ShowCmd, ClearCallsCmd, ResyncCmd>;
+
+// The words that name the command in a scenario, without its arguments:
+// "link set", "config gateway-setting", "show".
+std::string_view commandWords(const CommandArgs& args);
 
 struct Command {
   unsigned line = 0;  // 1-based line in its file

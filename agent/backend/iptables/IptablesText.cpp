@@ -6,10 +6,6 @@
 namespace AclAgent {
 namespace {
 
-bool builtinChain(std::string_view chain) {
-  return chain == "INPUT" || chain == "FORWARD" || chain == "OUTPUT";
-}
-
 // The jump that stands alone at the top of a chain: nothing but "-j OWNED".
 bool plainJump(const SavedRule& rule, std::string_view owned) {
   return rule.words.size() == 2 && rule.words[0] == "-j" && rule.words[1] == owned;
@@ -206,7 +202,7 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
     const std::string owned = ownedChain(chain);
     // A chain of someone else's that does not exist yet must, for the jump;
     // one that exists is never declared, which would empty it.
-    if (!builtinChain(chain) && !saved.chains.contains(chain)) {
+    if (!isBuiltinChain(chain) && !saved.chains.contains(chain)) {
       add(":" + chain + " - [0:0]", {Kind::kChain, chain, {}});
     }
     add(":" + owned + " - [0:0]", {Kind::kChain, chain, {}});
@@ -299,47 +295,6 @@ std::string errorSummary(std::string_view errors) {
   }
   if (summary.size() > kErrorBytes) summary = summary.substr(0, kErrorBytes - 3) + "...";
   return summary;
-}
-
-std::string netnsName(std::string_view netnsTemplate, std::string_view vrf) {
-  std::string name;
-  for (std::size_t i = 0; i < netnsTemplate.size(); ++i) {
-    if (netnsTemplate.substr(i).starts_with("%s")) {
-      name += vrf;
-      ++i;
-    } else {
-      name += netnsTemplate[i];
-    }
-  }
-  return name;
-}
-
-std::optional<std::string> netnsNameFault(std::string_view name) {
-  if (name.empty()) return "the namespace name is empty";
-  if (name == "." || name == "..") {
-    // Built by appending: GCC 12 at -O3 warns wrongly on a concatenation here.
-    std::string fault = "\"";
-    fault += name;
-    fault += "\" is not a namespace name";
-    return fault;
-  }
-  if (name.find('/') != std::string_view::npos) return "a namespace name cannot hold '/'";
-  if (name.find('\0') != std::string_view::npos) return "a namespace name cannot hold a NUL byte";
-  if (name.size() > 255) {
-    return "a namespace name is at most 255 bytes; this one is " + std::to_string(name.size());
-  }
-  return std::nullopt;
-}
-
-bool netnsTemplateMatches(std::string_view netnsTemplate, std::string_view name) {
-  const std::size_t first = netnsTemplate.find("%s");
-  if (first == std::string_view::npos) return name == netnsTemplate;
-  if (!name.starts_with(netnsTemplate.substr(0, first))) return false;
-  // Every length the VRF name could have; the template may hold "%s" twice.
-  for (std::size_t length = 1; first + length <= name.size(); ++length) {
-    if (netnsName(netnsTemplate, name.substr(first, length)) == name) return true;
-  }
-  return false;
 }
 
 }  // namespace AclAgent

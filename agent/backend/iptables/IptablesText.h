@@ -29,7 +29,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/host/RuleService.h"
+#include "agent/base/ChainRules.h"
 
 namespace AclAgent {
 
@@ -110,14 +110,5 @@ std::optional<RestoreLine> blamedLine(const RestoreInput& input, std::string_vie
 // and "Try ..." lines and control bytes dropped, lines joined by "; ", cut to
 // `kErrorBytes`.
 std::string errorSummary(std::string_view errors);
-
-// The namespace name that `netnsTemplate` gives VRF `vrf`: every "%s"
-// replaced by `vrf`.
-std::string netnsName(std::string_view netnsTemplate, std::string_view vrf);
-// Why `name` cannot be a network namespace name (empty, "." or "..",
-// holding '/' or a NUL byte, over 255 bytes); nothing when it can.
-std::optional<std::string> netnsNameFault(std::string_view name);
-// Whether `netnsTemplate` gives `name` for some non-empty VRF name.
-bool netnsTemplateMatches(std::string_view netnsTemplate, std::string_view name);
 
 }  // namespace AclAgent

@@ -2,6 +2,8 @@
 // of its renderings the golden scenarios do not show.
 #include "agent/host/RuleService.h"
 
+#include "agent/backend/iptables/IptablesShow.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
@@ -57,7 +59,7 @@ TEST_F(RuleServiceTest, IptablesOutputStaysRestorable) {
   // A text without its trailing newline is written as it stands.
   put(kIpt, kIn, "red", "OUTPUT", "a", 0, "-j \"q\\\"");
 
-  EXPECT_EQ(rules_->renderIptables(),
+  EXPECT_EQ(renderIptables(rules_->rules()),
             "# vrf \"red\"\n"
             "*filter\n"
             "# not restorable: ipt=0 acl=0 vrf=\"red\" dir=0 chain=\"IN PUT\" owner=\"a\" seq=0 "

@@ -2,7 +2,7 @@
 // with fake-iptables.sh standing in for iptables-save and iptables-restore, on
 // the loop's virtual clock. What it does to the real kernel, rules that
 // iptables-restore refuses included, is tested in kernel/IptablesKernelTest.cpp.
-#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/Backend.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
-using State = IptablesBackend::State;
+using State = VrfStatus::State;
 
 constexpr Pell::Nanoseconds kMs = 1'000'000;
 const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
@@ -43,7 +43,7 @@ class IptablesBackendTest : public ::testing::Test {
     ::setenv("FAKE_IPTABLES_DIR", dir_.c_str(), 1);
     options_.iptablesSave = dir_ + "/save";
     options_.iptablesRestore = dir_ + "/restore";
-    options_.netnsDir = dir_ + "/netns";
+    options_.namespaces = NamespaceMap("%s", dir_ + "/netns");
     options_.resyncPeriod = 0;
     options_.childTimeout = 2'000 * kMs;
   }
@@ -55,8 +55,8 @@ class IptablesBackendTest : public ::testing::Test {
     std::filesystem::remove_all(dir_);
   }
 
-  IptablesBackend& backend() {
-    if (!backend_) backend_ = std::make_unique<IptablesBackend>(loop_, options_, errors_);
+  Backend& backend() {
+    if (!backend_) backend_ = makeBackend(loop_, options_, errors_);
     return *backend_;
   }
   void settle() { ASSERT_TRUE(loop_->settle()); }
@@ -77,7 +77,7 @@ class IptablesBackendTest : public ::testing::Test {
     return n;
   }
   std::string restoreInput(int n) const { return file("restore." + std::to_string(n)); }
-  IptablesBackend::VrfStatus status(const std::string& vrf) {
+  VrfStatus status(const std::string& vrf) {
     for (const auto& s : backend().statuses()) {
       if (s.vrf == vrf) return s;
     }
@@ -87,9 +87,9 @@ class IptablesBackendTest : public ::testing::Test {
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
   std::string dir_;
-  IptablesBackendOptions options_;
+  BackendOptions options_;
   std::ostringstream errors_;
-  std::unique_ptr<IptablesBackend> backend_;
+  std::unique_ptr<Backend> backend_;
 };
 
 TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatestRules) {
@@ -97,7 +97,7 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
   const std::string report =
       "acl-agent: apply vrf \"default\": " + dir_ + "/restore failed: " + why;
   modeIs("restore", "fail " + why);
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settle();
   EXPECT_EQ(errors_.str(), report + "\n");
   EXPECT_EQ(status("default").state, State::kWaiting);
@@ -119,7 +119,7 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
 
   // New rules are tried at once; once the program works again the latest
   // rules stand, and the next failure starts again from 100 ms.
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
   settle();
   EXPECT_EQ(runs("restore"), ++writes);
   modeIs("restore", "ok");
@@ -128,14 +128,14 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
   EXPECT_EQ(status("default").state, State::kOk);
   EXPECT_THAT(restoreInput(runs("restore")), HasSubstr(kGateway));
   modeIs("restore", "fail " + why);
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
   settle();
   EXPECT_EQ(loop_->nextDue() - loop_->now(), 100 * kMs);
 }
 
 TEST_F(IptablesBackendTest, AChainWhoseOwnedChainWouldBeTooLongIsReportedOnceAndLeftOut) {
   const std::string longChain(20, 'C');  // its owned chain's name would be 29 bytes
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}, {longChain, {kMdns}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}, {longChain, {kMdns}}});
   settle();
   const std::string report = "acl-agent: apply vrf \"default\": chain \"" + longChain +
                              "\" cannot be applied: its owned chain \"ACLAGENT-" + longChain +
@@ -152,7 +152,7 @@ TEST_F(IptablesBackendTest, AChainWhoseOwnedChainWouldBeTooLongIsReportedOnceAnd
 TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried) {
   options_.childTimeout = 200 * kMs;
   modeIs("save", "hang");
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settle();
   EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
                                "/save did not finish within 0.2 s and was killed\n");
@@ -176,7 +176,7 @@ TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried)
 // What a resync repairs is tested against the real kernel.
 TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   options_.resyncPeriod = 90'000 * kMs;
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settle();
   loop_->advance(90'000 * kMs - 1);
   settle();
@@ -192,8 +192,8 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
 
 TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesFail) {
   const ChainRules rules{{"INPUT", {kMdns}}};
-  backend().vrfSeen("red", rules);
-  backend().vrfSeen("blue", ChainRules{});
+  backend().vrfRulesIs("red", rules);
+  backend().vrfRulesIs("blue", ChainRules{});
   settle();
   // No rule has to stand where there is no namespace for it.
   EXPECT_EQ(status("blue").state, State::kOk);
@@ -204,14 +204,14 @@ TEST_F(IptablesBackendTest, MissingNamespacesWaitAndNamesThatCannotBeNamespacesF
   // It is tried again as soon as the VRF is seen with its namespace there
   // (here a file that is not a namespace, which the child cannot enter).
   std::ofstream(dir_ + "/netns/red") << "";
-  backend().vrfSeen("red", std::nullopt);
+  backend().vrfRulesIs("red", std::nullopt);
   settle();
   EXPECT_THAT(errors_.str(), StartsWith("acl-agent: apply vrf \"red\": cannot enter the network "
                                         "namespace: "));
 
   errors_.str("");
   for (int twice = 0; twice < 2; ++twice) {
-    for (const char* name : {"", "..", "a/b"}) backend().vrfSeen(name, rules);
+    for (const char* name : {"", "..", "a/b"}) backend().vrfRulesIs(name, rules);
   }
   settle();
   EXPECT_EQ(errors_.str(),
@@ -237,7 +237,7 @@ TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMo
   options_.iptablesRestore = "acl-test-restore";
   const std::string report = "acl-agent: apply vrf \"default\": ";
 
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kMdns}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settle();
   EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-save\": not found on PATH\n");
   // Installed since: the retry finds them.
@@ -251,7 +251,7 @@ TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMo
   // is reported, and the retry finds it where it is now.
   std::filesystem::rename(first + "/acl-test-restore", second + "/acl-test-restore");
   errors_.str("");
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
   settle();
   EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-restore\": No such file or directory\n");
   loop_->advance(100 * kMs);
@@ -264,16 +264,16 @@ TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMo
 
 TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules) {
   if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
-  options_.maxChildren = 2;
+  options_.maxJobs = 2;
   modeIs("save", "slow 0.1");
   for (int i = 1; i <= 5; ++i) {
     ::symlink("/proc/self/ns/net", (dir_ + "/netns/v" + std::to_string(i)).c_str());
-    backend().vrfSeen(
+    backend().vrfRulesIs(
         "v" + std::to_string(i),
         ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
   }
   // v1 is being read back: its write, after that, has these rules.
-  backend().vrfSeen("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
+  backend().vrfRulesIs("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
   settle();
 
   int running = 0, most = 0;

@@ -16,14 +16,14 @@
 #include <regex>
 #include <sstream>
 
-#include "agent/backend/iptables/IptablesBackend.h"
+#include "agent/backend/Backend.h"
 #include "agent/backend/iptables/IptablesText.h"
 
 namespace AclAgent {
 namespace {
 
 using ::testing::StartsWith;
-using State = IptablesBackend::State;
+using State = VrfStatus::State;
 
 const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
 const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
@@ -82,12 +82,12 @@ class IptablesKernelTest : public ::testing::Test {
     std::filesystem::remove_all(dir_);
   }
 
-  IptablesBackend& backend() {
-    if (!backend_) backend_ = std::make_unique<IptablesBackend>(loop_, options_, errors_);
+  Backend& backend() {
+    if (!backend_) backend_ = makeBackend(loop_, options_, errors_);
     return *backend_;
   }
   void settle() { ASSERT_TRUE(loop_->settle()); }
-  IptablesBackend::VrfStatus status(const std::string& vrf) {
+  VrfStatus status(const std::string& vrf) {
     for (const auto& s : backend().statuses()) {
       if (s.vrf == vrf) return s;
     }
@@ -127,17 +127,17 @@ class IptablesKernelTest : public ::testing::Test {
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
   std::string family_;
   std::string dir_;
-  IptablesBackendOptions options_;
+  BackendOptions options_;
   std::ostringstream errors_;
-  std::unique_ptr<IptablesBackend> backend_;
+  std::unique_ptr<Backend> backend_;
 };
 
 TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrite) {
   namespaceIs("red");
   const std::string redBefore = saved("red");
   const ChainRules both{{"INPUT", {kMdns, kGateway}}};
-  backend().vrfSeen("red", both);
-  backend().vrfSeen("default", ChainRules{{"INPUT", {kGateway}}});
+  backend().vrfRulesIs("red", both);
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
   settle();
   EXPECT_EQ(restores(), 2);
   // In place, as the backend reads it back, with the jump first in INPUT.
@@ -145,11 +145,11 @@ TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrit
   EXPECT_TRUE(holds("", ChainRules{{"INPUT", {kGateway}}}));
 
   // A change is one write of that VRF; with no rule left, jump and chain go.
-  backend().vrfSeen("red", ChainRules{{"INPUT", {kGateway}}});
+  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kGateway}}});
   settle();
   EXPECT_EQ(restores(), 3);
   EXPECT_TRUE(holds("red", ChainRules{{"INPUT", {kGateway}}}));
-  backend().vrfSeen("red", ChainRules{});
+  backend().vrfRulesIs("red", ChainRules{});
   settle();
   EXPECT_EQ(restores(), 4);
   EXPECT_EQ(saved("red"), redBefore);
@@ -158,7 +158,7 @@ TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrit
 
 TEST_F(IptablesKernelTest, EachKindOfDriftIsRepairedByOneWrite) {
   namespaceIs("red");
-  backend().vrfSeen("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
   settle();
   const std::string good = saved("red");
   const std::vector<std::pair<std::string, std::vector<std::string>>> drifts{
@@ -190,7 +190,7 @@ TEST_F(IptablesKernelTest, RefusedRulesAreReportedOnceAndLeftOutAndTheRestStands
   namespaceIs("red");
   const std::string option = "-p udp --bogus 1 -j ACCEPT";
   const std::string target = "-p tcp --dport 2 -j NOSUCH";
-  backend().vrfSeen("red", ChainRules{{"INPUT", {kMdns, option, target, kGateway}}});
+  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, option, target, kGateway}}});
   settle();
   // The real programs name a bad option at once and a missing target only at
   // COMMIT (nft) or at its line (legacy): each is blamed on its rule.
@@ -204,7 +204,7 @@ TEST_F(IptablesKernelTest, RefusedRulesAreReportedOnceAndLeftOutAndTheRestStands
   EXPECT_EQ(restores(), 3);
   EXPECT_EQ(status("red").state, State::kFailed);
   EXPECT_EQ(status("red").rules, 4u);
-  EXPECT_FALSE(backend().allInPlace());
+  EXPECT_FALSE(notInPlace(backend().statuses()).empty());
 
   // A resync finds what can stand in place: no write, no second report.
   backend().resync();
@@ -212,11 +212,11 @@ TEST_F(IptablesKernelTest, RefusedRulesAreReportedOnceAndLeftOutAndTheRestStands
   EXPECT_EQ(restores(), 3);
   EXPECT_EQ(errors_.str(), errors);
   // Without the refused rules, what stands is all that must.
-  backend().vrfSeen("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
   settle();
   EXPECT_EQ(restores(), 3);
   EXPECT_EQ(status("red").state, State::kOk);
-  EXPECT_TRUE(backend().allInPlace());
+  EXPECT_TRUE(notInPlace(backend().statuses()).empty());
 }
 
 TEST_F(IptablesKernelTest, RemoveAppliedTakesAwayOnlyWhatTheAgentOwnsWhereTheTemplateReaches) {
@@ -226,25 +226,25 @@ TEST_F(IptablesKernelTest, RemoveAppliedTakesAwayOnlyWhatTheAgentOwnsWhereTheTem
   const std::string redBefore = saved("vrf-red");
   const std::string ownBefore = saved("");
   const ChainRules rules{{"INPUT", {kMdns}}, {"OUTPUT", {kGateway}}};
-  backend().vrfSeen("other", rules);  // template "%s"
+  backend().vrfRulesIs("other", rules);  // template "%s"
   settle();
   const std::string otherBefore = saved("other");
   backend_.reset();
-  options_.netnsTemplate = "vrf-%s";
-  backend().vrfSeen("red", rules);
-  backend().vrfSeen("default", rules);
+  options_.namespaces = NamespaceMap("vrf-%s");
+  backend().vrfRulesIs("red", rules);
+  backend().vrfRulesIs("default", rules);
   settle();
   ASSERT_TRUE(holds("vrf-red", rules));
   backend_.reset();
 
-  EXPECT_TRUE(IptablesBackend::removeApplied(options_, errors_));
+  EXPECT_TRUE(removeApplied(options_, errors_));
   EXPECT_EQ(errors_.str(), "");
   EXPECT_EQ(saved("vrf-red"), redBefore);
   EXPECT_EQ(saved(""), ownBefore);
   EXPECT_EQ(saved("other"), otherBefore);  // not a name the template gives
   // Nothing left to remove: nothing is written.
   const int written = restores();
-  EXPECT_TRUE(IptablesBackend::removeApplied(options_, errors_));
+  EXPECT_TRUE(removeApplied(options_, errors_));
   EXPECT_EQ(restores(), written);
 }
 

@@ -1,0 +1,83 @@
+// KernelTable: the one thing a backend does differently from another, how
+// it reads back and writes the agent's owned chains and jumps in one network
+// namespace. `VrfApplier` does everything else (which VRF, when, how often,
+// retries, what to report) for any table.
+//
+//   table.read(netnsFd, [](KernelTable::ReadResult read) {
+//     if (!read.snapshot->holds(wanted)) table.write(netnsFd, *read.snapshot, wanted, ...);
+//   }, &error);
+//
+// A read or write may end at once or later; its `done` runs on the event
+// thread either way, never before `read`/`write` has returned. Destroying the
+// returned job before that cancels it: `done` is not called.
+//
+// Threading: the event thread only.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/backend/Backend.h"
+
+namespace AclAgent {
+
+class KernelTable {
+ public:
+  // What a read found in one namespace.
+  class Snapshot {
+   public:
+    virtual ~Snapshot() = default;
+    // Whether exactly `rules` stand, as the owned chains and their jumps.
+    virtual bool holds(const ChainRules& rules) const = 0;
+  };
+
+  struct ReadResult {
+    std::string error;  // set when the read failed; then no snapshot
+    std::unique_ptr<Snapshot> snapshot;
+    // Things to tell the operator once per VRF (rules of another family
+    // beside ours); each is reported the first time it is seen.
+    std::vector<std::string> warnings;
+  };
+
+  struct WriteResult {
+    std::string error;  // set when the write failed; nothing of it stands
+    // When the kernel refused one rule of ours in `chain` (or, without
+    // `rule`, the owned chain for `chain`): the write can be made again
+    // without it.
+    struct Refusal {
+      std::string chain;
+      std::optional<std::string> rule;
+    };
+    std::optional<Refusal> refused;
+  };
+
+  // A read or write under way.
+  class Job {
+   public:
+    virtual ~Job() = default;
+  };
+
+  virtual ~KernelTable() = default;
+
+  // Why the rules of `chain` cannot be given an owned chain; nothing when
+  // they can.
+  virtual std::optional<std::string> chainFault(std::string_view chain) const = 0;
+
+  // Reads the namespace `netnsFd` (-1: the agent's own) back. Null, with
+  // `*error` set, when the read could not start.
+  virtual std::unique_ptr<Job> read(int netnsFd, std::function<void(ReadResult)> done,
+                                    std::string* error) = 0;
+  // Turns what `from` found into `to` in one transaction. Null, with
+  // `*error` set, when the write could not start.
+  virtual std::unique_ptr<Job> write(int netnsFd, const Snapshot& from, const ChainRules& to,
+                                     std::function<void(WriteResult)> done, std::string* error) = 0;
+  // Removes every owned chain and jump from the namespace `netnsFd`, to the
+  // end, without an event loop; the reason when that failed.
+  virtual std::optional<std::string> removeAll(int netnsFd) = 0;
+};
+
+}  // namespace AclAgent

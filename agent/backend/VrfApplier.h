@@ -1,0 +1,94 @@
+// VrfApplier: the backend's job for every VRF, whatever the kernel table
+// behind it: what must stand against what is in place, read back, compare,
+// write, retry, report.
+//
+//   VrfApplier applier(loop, std::make_unique<SomeTable>(...), options, std::cerr);
+//   applier.vrfRulesIs("red", rules);   // read back, and written if it differs
+//
+// Each VRF is in one `Step` at a time:
+//
+//   kQueued --> kReading --+--> kInPlace           (what must stand stands)
+//      ^                   +--> kWriting --> kInPlace
+//      |                   +--> kNoNamespace       (waits for its namespace)
+//      +-- retry delay --- kRetryDue <-- a read or write failed
+//
+// and kUnapplicable for a name that can never be a namespace's. A VRF is
+// queued when it is first seen, when what must stand changes (unless only
+// what is left out changed), when its namespace appears, at a resync, and
+// when its retry is due; a request while it is read or written is answered
+// by one more job afterwards, always with the latest rules. At most
+// `maxJobs` reads and writes run at once.
+//
+// A failure is reported and retried after a delay that grows from 100 ms to
+// 30 s, on background tasks of the loop. A rule or chain that the table
+// refuses, or a chain it cannot give an owned chain, is reported and left out
+// while the rest is written; it is forgotten once no longer wanted.
+//
+// Threading: the event thread only.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "agent/backend/Backend.h"
+#include "agent/backend/KernelTable.h"
+
+namespace AclAgent {
+
+class VrfApplier : public Backend {
+ public:
+  VrfApplier(Zov::Ptr<Pell::TaskSchedulerRoot> loop, std::unique_ptr<KernelTable> table,
+             BackendOptions options, std::ostream& errors);
+  // Ends the jobs under way; rules in place stay.
+  ~VrfApplier() override;
+  VrfApplier(const VrfApplier&) = delete;
+  VrfApplier& operator=(const VrfApplier&) = delete;
+
+  void vrfRulesIs(const std::string& vrf, std::optional<ChainRules> rules) override;
+  void resync() override;
+  std::vector<VrfStatus> statuses() const override;
+  bool idle() const override { return running_ == 0 && queue_.empty(); }
+  void idleListenerIs(std::function<void()> listener) override {
+    idleListener_ = std::move(listener);
+  }
+
+ private:
+  struct Vrf;
+
+  void report(const Vrf& vrf, const std::string& message);
+  ChainRules effective(const Vrf& vrf) const;
+  void noteUnownable(Vrf& vrf);
+  static std::string leftOut(const Vrf& vrf);
+  static void pruneRefusals(Vrf& vrf);
+  VrfStatus::State shownState(const Vrf& vrf) const;
+  void sync(Vrf& vrf);
+  void pump();
+  int namespaceFd(Vrf& vrf);
+  void startRead(Vrf& vrf);
+  void handleRead(Vrf& vrf, KernelTable::ReadResult read);
+  void handleWrite(Vrf& vrf, KernelTable::WriteResult written);
+  // A job of `vrf`'s ended: the loop goes on with the queue.
+  void jobEnded();
+  void succeeded(Vrf& vrf);
+  void namespaceMissing(Vrf& vrf);
+  void failed(Vrf& vrf, const std::string& message);
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
+  std::unique_ptr<KernelTable> table_;
+  BackendOptions options_;
+  std::ostream& errors_;
+  std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
+  std::deque<Vrf*> queue_;
+  unsigned running_ = 0;
+  std::function<void()> idleListener_;
+  std::unique_ptr<Pell::BackgroundTimer> resyncTimer_;
+};
+
+}  // namespace AclAgent

@@ -203,8 +203,8 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
   add("*filter", {});
   // A chain of someone else's that does not exist yet must, for the jump;
   // one that exists is never declared, which would empty it. They come
-  // first: the legacy program refuses a rule that jumps to a chain not yet
-  // declared, and any owned chain's rules may jump to them.
+  // first, since any owned chain's rules may jump to them and both restore
+  // programs refuse a jump to a chain declared after it.
   for (const auto& [chain, rules] : wanted) {
     if (!rules.empty() && !builtinChain(chain) && !saved.chains.contains(chain)) {
       add(":" + chain + " - [0:0]", {Kind::kChain, chain, {}});

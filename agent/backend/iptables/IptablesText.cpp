@@ -197,14 +197,18 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
   using Kind = RestoreLine::Kind;
 
   add("*filter", {});
+  // A chain of someone else's that does not exist yet must, for the jump;
+  // one that exists is never declared, which would empty it. They come
+  // first, since any owned chain's rules may jump to them and both restore
+  // programs refuse a jump to a chain declared after it.
+  for (const auto& [chain, rules] : wanted) {
+    if (!rules.empty() && !isBuiltinChain(chain) && !saved.chains.contains(chain)) {
+      add(":" + chain + " - [0:0]", {Kind::kChain, chain, {}});
+    }
+  }
   for (const auto& [chain, rules] : wanted) {
     if (rules.empty()) continue;
     const std::string owned = ownedChain(chain);
-    // A chain of someone else's that does not exist yet must, for the jump;
-    // one that exists is never declared, which would empty it.
-    if (!isBuiltinChain(chain) && !saved.chains.contains(chain)) {
-      add(":" + chain + " - [0:0]", {Kind::kChain, chain, {}});
-    }
     add(":" + owned + " - [0:0]", {Kind::kChain, chain, {}});
     for (const std::string& text : rules) {
       add("-A " + owned + " -m comment --comment \"" + ruleTag(text) + "\" " + text,

@@ -50,7 +50,11 @@ void CpAclSm::handleRefreshAcls(bool force) {
   if (!dirtyAcl_ && !force) return;
 
   // true: the VRF needs the rule; false: it is known and must not have it.
+  // Room for every known VRF and "default" up front spares the rehashes; the
+  // order the VRFs are then visited in carries no meaning.
   std::unordered_map<L3::VrfName, bool, ZovHash<L3::VrfName>> vrfs;
+  vrfs.reserve(1 + (allVrfStatusGlobal_ ? allVrfStatusGlobal_->vrf().size() : 0) +
+               (allVrfStatusLocal_ ? allVrfStatusLocal_->vrf().size() : 0));
 
   const Status* links = status();
   const L3::Intf::StatusDir* intfDir = intfStatusDir();

@@ -255,27 +255,36 @@ int VrfApplier::namespaceFd(Vrf& vrf) {
   return -2;
 }
 
-void VrfApplier::startRead(Vrf& vrf) {
-  vrf.again = false;
+template <class Result, class Start>
+bool VrfApplier::startJob(Vrf& vrf, void (VrfApplier::*handler)(Vrf&, Result), Start start) {
   const int fd = namespaceFd(vrf);
-  if (fd == -2) return;
+  if (fd == -2) return false;
   std::string error;
-  vrf.job = table_->read(
+  vrf.job = start(
       fd,
-      [this, &vrf](KernelTable::ReadResult read) {
+      [this, &vrf, handler](Result result) {
         std::unique_ptr<KernelTable::Job> ended = std::move(vrf.job);
         --running_;
-        handleRead(vrf, std::move(read));
+        (this->*handler)(vrf, std::move(result));
         jobEnded();
       },
       &error);
   if (fd >= 0) ::close(fd);
   if (!vrf.job) {
     failed(vrf, error);
-    return;
+    return false;
   }
-  vrf.step = Vrf::Step::kReading;
   ++running_;
+  return true;
+}
+
+void VrfApplier::startRead(Vrf& vrf) {
+  vrf.again = false;
+  if (startJob(vrf, &VrfApplier::handleRead, [&](int fd, auto done, std::string* error) {
+        return table_->read(fd, std::move(done), error);
+      })) {
+    vrf.step = Vrf::Step::kReading;
+  }
 }
 
 void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
@@ -296,28 +305,14 @@ void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
     return;
   }
   const bool repair = vrf.applied && *vrf.applied == rules;
-  const int fd = namespaceFd(vrf);
-  if (fd == -2) return;
-  std::string error;
-  vrf.job = table_->write(
-      fd, *read.snapshot, rules,
-      [this, &vrf](KernelTable::WriteResult written) {
-        std::unique_ptr<KernelTable::Job> ended = std::move(vrf.job);
-        --running_;
-        handleWrite(vrf, std::move(written));
-        jobEnded();
-      },
-      &error);
-  if (fd >= 0) ::close(fd);
-  if (!vrf.job) {
-    failed(vrf, error);
-    return;
+  if (startJob(vrf, &VrfApplier::handleWrite, [&](int fd, auto done, std::string* error) {
+        return table_->write(fd, *read.snapshot, rules, std::move(done), error);
+      })) {
+    vrf.step = Vrf::Step::kWriting;
+    vrf.writing = std::move(rules);
+    ++vrf.writes;
+    if (repair) ++vrf.repairs;
   }
-  vrf.step = Vrf::Step::kWriting;
-  vrf.writing = std::move(rules);
-  ++vrf.writes;
-  if (repair) ++vrf.repairs;
-  ++running_;
 }
 
 void VrfApplier::handleWrite(Vrf& vrf, KernelTable::WriteResult written) {

@@ -71,6 +71,11 @@ class VrfApplier : public Backend {
   void sync(Vrf& vrf);
   void pump();
   int namespaceFd(Vrf& vrf);
+  // Starts a read or write of `vrf` in its namespace through `start`, whose
+  // end `handler` hears; false when it did not start (the VRF's step says
+  // why).
+  template <class Result, class Start>
+  bool startJob(Vrf& vrf, void (VrfApplier::*handler)(Vrf&, Result), Start start);
   void startRead(Vrf& vrf);
   void handleRead(Vrf& vrf, KernelTable::ReadResult read);
   void handleWrite(Vrf& vrf, KernelTable::WriteResult written);

@@ -178,12 +178,21 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   options_.resyncPeriod = 90'000 * kMs;
   backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settle();
+  int becameIdle = 0;
+  backend().idleListenerIs([&] { ++becameIdle; });
   loop_->advance(90'000 * kMs - 1);
   settle();
   EXPECT_EQ(runs("save"), 1);
+  // While the resync reads a VRF back, it shows as it stood.
+  modeIs("save", "slow 0.2");
   loop_->advance(1);
+  EXPECT_FALSE(backend().idle());
+  EXPECT_EQ(status("default").state, State::kOk);
   settle();
+  EXPECT_TRUE(backend().idle());
+  EXPECT_EQ(becameIdle, 1);
   EXPECT_EQ(runs("save"), 2);
+  modeIs("save", "ok");
   loop_->advance(90'000 * kMs);
   settle();
   EXPECT_EQ(runs("save"), 3);

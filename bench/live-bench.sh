@@ -34,23 +34,19 @@ if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
   echo "kernel:   $(uname -r), $(iptables-restore --version 2>&1 | head -n 1)"
   echo "load:     $(cut -d ' ' -f 1-3 /proc/loadavg)"
 fi
-# The tests' private namespaces and agent driver: `start_agent`, `ask`, `signal_agent`.
-source tests/agent/kernel-test-lib.sh
+# The tests' private namespaces and agent driver: `start_agent`, `ask`, `signal_agent`,
+# with waits of up to two minutes: start-up with 16k interfaces takes a while.
+export ACL_TEST_DEADLINE=${ACL_TEST_DEADLINE:-120}
+source tests/agent/kernel/kernel-test-lib.sh
 enter_private_namespace "$0" "$@"
 
 # Median and maximum of numbers, one a line.
 median_max() {
   sort -n | awk '{ v[NR] = $1 } END { printf "median %.1f, worst %.1f (of %d)", v[int((NR + 1) / 2)], v[NR], NR }'
 }
-# VmRSS of the agent itself (the coprocess is a subshell around it).
+# VmRSS of the agent.
 agent_rss() {
-  local pid
-  for pid in $(cat "/proc/$agent_pid/task/$agent_pid/children" 2> /dev/null) "$agent_pid"; do
-    if [ "$(cat "/proc/$pid/comm" 2> /dev/null)" = acl-agent ]; then
-      sed -n 's/^VmRSS:[[:space:]]*//p' "/proc/$pid/status"
-      return
-    fi
-  done
+  sed -n 's/^VmRSS:[[:space:]]*//p' "/proc/$agent_pid/status"
 }
 # Namespaces PREFIX1..PREFIXn, each with COUNT interfaces dK that are up and
 # multicast-capable, so that every one is a link that wants the rule (ifb
@@ -70,9 +66,9 @@ delete_namespaces() {
   for i in $(seq "$n"); do echo "netns delete $prefix$i"; done | ip -batch -
 }
 await_ready() {
-  local first
-  IFS= read -r -t 120 -u "${AGENT[0]}" first
-  [ "$first" = ready ] || { echo "the agent did not say ready: $first $(cat "$work/agent.err")"; exit 1; }
+  local first=
+  read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
+    give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
 }
 
 # --- 1. a link down to its rule gone from the kernel

@@ -93,7 +93,7 @@ expect_applied blue "state=ok rules=1"
 [ "$(datagrams_into blue)" = 3 ] || fail "datagrams did not arrive in the late namespace"
 
 stop_agent
-[ "$(cat "$work/agent.exit")" = "exit 0" ] || fail "the agent did not exit 0: $(cat "$work/agent.err")"
+[ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit: $(cat "$work/agent.err")"
 [ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay in place after the agent ended"
 
 # --- a restart with the same state writes nothing

@@ -2,11 +2,21 @@
 #
 #   source kernel-test-lib.sh
 #   enter_private_namespace "$0" "$@"   # re-runs the test as root in private namespaces, or skips
-#   start_agent ARGS...                  # acl-agent as a coprocess; `ask` drives it
+#   start_agent ARGS...                  # acl-agent in the background; `ask` drives it
 #
 # The test runs in a private mount and network namespace with its own /run,
 # so it never touches the machine's own namespaces or rules; where that
 # cannot be had it exits 77 (skipped) with the reason.
+#
+# Every wait has a deadline of ACL_TEST_DEADLINE seconds (30 by default):
+# these tests run on loaded machines, where a sanitizer build of the agent or
+# of the probe can take seconds to start or to answer. A wait blocks on the
+# event it waits for (a line read with a timeout) where there is one; a wait
+# that runs out fails with what was last seen.
+
+deadline=${ACL_TEST_DEADLINE:-30}
+[[ "$deadline" =~ ^[1-9][0-9]*$ ]] ||
+  { echo "ACL_TEST_DEADLINE must be a whole number of seconds, not [$deadline]"; exit 2; }
 
 # Re-runs the calling script inside the private namespaces, or exits 77.
 enter_private_namespace() {
@@ -23,13 +33,34 @@ enter_private_namespace() {
   ip link set lo up
   iptables-save > /dev/null 2>&1 || { echo "skipped: iptables cannot run here"; exit 77; }
   work=$(mktemp -d)
-  trap 'rm -rf "$work"' EXIT
+  trap end_test EXIT
   failures=0
+}
+
+# On the way out, however the test ends: an agent still running is stopped
+# (a live one would outlive the test otherwise), and the files go.
+end_test() {
+  if [ -n "${agent_pid:-}" ]; then
+    kill -KILL "$agent_pid" 2> /dev/null
+    wait "$agent_pid" 2> /dev/null
+  fi
+  rm -rf "$work"
 }
 
 fail() {
   echo "FAIL: $*"
   failures=$((failures + 1))
+}
+
+# Ends the test at once: for a wait on the agent that ran out, after which
+# whatever it prints could no longer be told apart from the answers.
+give_up() {
+  echo "FAIL: $*"
+  echo "the agent's last answer:"
+  cat "$work/answer" 2> /dev/null
+  echo "agent's standard error:"
+  cat "$work/agent.err" 2> /dev/null
+  exit 1
 }
 
 # Ends the test: its status, and the agent's standard error when it failed.
@@ -43,51 +74,119 @@ finish() {
   echo "all checks passed"
 }
 
+# Reads one line from descriptor FD into the variable named VAR, waiting
+# until END (a time on $SECONDS) at the latest. Returns 0 for a line, 1 at
+# the end of the input, 2 when END came first.
+read_until() {
+  local read_fd=$1 read_var=$2 read_left=$(($3 - SECONDS)) read_status
+  [ "$read_left" -gt 0 ] || return 2
+  IFS= read -r -t "$read_left" -u "$read_fd" "$read_var"
+  read_status=$?
+  [ "$read_status" = 0 ] && return 0
+  [ "$read_status" -gt 128 ] && return 2
+  return 1
+}
+
 # How many of three datagrams sent to 224.0.0.251:5353 from "h-NAME" here
-# arrived at INTF (default "v-NAME") in namespace NAME. Needs $probe. The
-# waits are generous: on a loaded machine the sanitizer builds of the probe
-# take a good part of a second to start.
+# arrived at INTF (default "v-NAME") in namespace NAME; nothing, and the
+# reason on standard error, when the receiver did not answer. Needs $probe.
+# The receiver's standard input and output are FIFOs held here as
+# descriptors 5 and 6: it says when it listens, and stops counting when it
+# has all three or a second after descriptor 5 closes (the sending is done),
+# the time datagrams still in the kernel get to arrive.
 datagrams_into() {
-  local name=$1 intf=${2:-v-$1}
-  ip netns exec "$name" "$probe" receive 224.0.0.251 5353 "$intf" 1500 > "$work/received" &
+  local name=$1 intf=${2:-v-$1} end=$((SECONDS + deadline)) line=
+  rm -f "$work/probe.in" "$work/probe.out"
+  mkfifo "$work/probe.in" "$work/probe.out"
+  ip netns exec "$name" "$probe" receive 224.0.0.251 5353 "$intf" 3 1000 \
+    < "$work/probe.in" > "$work/probe.out" &
   local receiver=$!
-  for _ in $(seq 500); do grep -q listening "$work/received" 2> /dev/null && break; sleep 0.02; done
+  # Opening a FIFO waits for its other end: the same order on both sides.
+  exec 5> "$work/probe.in" 6< "$work/probe.out"
+  if ! read_until 6 line "$end" || [ "$line" != listening ]; then
+    echo "the receiver in $name ended, or did not listen within ${deadline}s: [$line]" >&2
+    exec 5>&- 6<&-
+    kill -KILL "$receiver" 2> /dev/null
+    wait "$receiver"
+    return
+  fi
   "$probe" send 224.0.0.251 5353 "h-$name" 3
+  exec 5>&-
+  if ! read_until 6 line "$end"; then
+    echo "the receiver in $name ended, or did not count within ${deadline}s: [$line]" >&2
+    line=
+    kill -KILL "$receiver" 2> /dev/null
+  fi
+  exec 6<&-
   wait "$receiver"
-  sed -n 's/^received //p' "$work/received"
+  echo "${line#received }"
 }
 
-# acl-agent ARGS as a coprocess; its standard error goes to $work/agent.err
-# and its exit status to $work/agent.exit. Needs $agent.
+# acl-agent ARGS in the background, so that $agent_pid is the agent's own
+# process id. Its standard input and output are FIFOs held here as
+# descriptors 7 (to it) and 8 (from it); its standard error goes to
+# $work/agent.err. Needs $agent.
 start_agent() {
-  coproc AGENT { "$agent" "$@" 2> "$work/agent.err"; echo "exit $?" > "$work/agent.exit"; }
-  agent_pid=$AGENT_PID
+  rm -f "$work/agent.in" "$work/agent.out"
+  mkfifo "$work/agent.in" "$work/agent.out"
+  "$agent" "$@" < "$work/agent.in" > "$work/agent.out" 2> "$work/agent.err" &
+  agent_pid=$!
+  exec 7> "$work/agent.in" 8< "$work/agent.out"
 }
 
-# Sends SIGNAL to the agent itself (not the coprocess around it) and waits
-# for it to end.
-signal_agent() {
-  local pid=$agent_pid
-  pkill "-$1" -P "$pid" -x "$(basename "$agent")"
-  wait "$pid" 2> /dev/null
-}
-
-# Sends the commands and keeps what they printed in $work/answer (the
-# coprocess's pipes do not reach a subshell, so nothing is printed).
+# Sends the commands and keeps what they printed in $work/answer. An agent
+# that has ended, or that does not answer within the deadline, ends the test.
 ask() {
-  for command in "$@"; do echo "$command" >&"${AGENT[1]}"; done
-  echo "echo --end--" >&"${AGENT[1]}"
-  local line
+  local end=$((SECONDS + deadline)) line status
+  # From a subshell, so that writing to an agent that has ended costs that
+  # subshell a SIGPIPE and not this shell. Commands that fill the FIFO wait
+  # for the agent to read them, which it does as it runs them.
+  if ! (printf '%s\n' "$@" "echo --end--" >&7) 2> /dev/null; then
+    await_agent_end
+    give_up "the agent had ended with status $agent_exit; it was asked: $*"
+  fi
   : > "$work/answer"
-  while IFS= read -r -u "${AGENT[0]}" line; do
-    [ "$line" = "--end--" ] && break
+  while true; do
+    read_until 8 line "$end"
+    status=$?
+    if [ "$status" = 1 ]; then
+      await_agent_end
+      give_up "the agent ended with status $agent_exit while it was asked: $*"
+    fi
+    [ "$status" = 2 ] && give_up "the agent did not answer within ${deadline}s: $*"
+    [ "$line" = "--end--" ] && return 0
     echo "$line" >> "$work/answer"
   done
 }
 
+# Waits until the agent has ended (its standard output has), reading past
+# what it still prints, and keeps its exit status in $agent_exit.
+await_agent_end() {
+  local end=$((SECONDS + deadline)) line status=0
+  while [ "$status" = 0 ]; do
+    read_until 8 line "$end"
+    status=$?
+  done
+  exec 7>&- 8<&-
+  if [ "$status" = 2 ]; then
+    kill -KILL "$agent_pid"
+    wait "$agent_pid"
+    agent_pid=
+    give_up "the agent did not end within ${deadline}s"
+  fi
+  wait "$agent_pid"
+  agent_exit=$?
+  agent_pid=
+}
+
+# Sends SIGNAL to the agent and waits for it to end.
+signal_agent() {
+  kill "-$1" "$agent_pid"
+  await_agent_end
+}
+
 # Closes the agent's standard input and waits for it to end.
 stop_agent() {
-  local pid=$agent_pid
-  exec {AGENT[1]}>&-
-  wait "$pid" 2> /dev/null
+  exec 7>&-
+  await_agent_end
 }

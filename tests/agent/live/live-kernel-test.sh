@@ -25,20 +25,26 @@ vrf_namespace() {
   ip netns exec "$name" iptables -P INPUT DROP
 }
 
-# The agent; `await` asks again until a line matches (the kernel's news and
-# the refresh take a moment).
+# The agent, and its first line.
 start_agent --live --apply --mdns-intf 'v-*' --resync 3600
-IFS= read -r -t 20 -u "${AGENT[0]}" first
-[ "$first" = ready ] || { echo "FAIL: the agent did not say ready: $first $(cat "$work/agent.err")"; exit 1; }
+first=
+read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
+  give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+
+# Asks COMMAND again, a moment apart, until a line of the answer matches
+# PATTERN (with a third argument: until none does), since the kernel's news
+# and the refresh take a moment; fails with the last answer when that has
+# not come within the deadline.
 await() {
-  local command=$1 pattern=$2 absent=${3:-}
-  for _ in $(seq 100); do
+  local command=$1 pattern=$2 absent=${3:-} end=$((SECONDS + deadline))
+  while true; do
     ask "$command"
     if [ -z "$absent" ]; then grep -q -- "$pattern" "$work/answer" && return 0
     else grep -q -- "$pattern" "$work/answer" || return 0; fi
-    sleep 0.03
+    [ "$SECONDS" -lt "$end" ] || break
+    sleep 0.05
   done
-  fail "after $command: expected ${absent:+no }[$pattern] in: $(cat "$work/answer")"
+  fail "after $command: expected ${absent:+no }[$pattern] within ${deadline}s in: $(cat "$work/answer")"
 }
 
 red_rule='rule ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugin" seq=0'
@@ -90,7 +96,7 @@ grep -q "kernel owns" "$work/agent.err" || fail "link set was not refused in liv
 
 # --- SIGTERM ends it with status 0; the rules stay
 signal_agent TERM
-[ "$(cat "$work/agent.exit")" = "exit 0" ] || fail "the agent did not exit 0 on SIGTERM"
+[ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit on SIGTERM"
 [ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay after the agent ended"
 
 finish

@@ -99,4 +99,22 @@ signal_agent TERM
 [ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit on SIGTERM"
 [ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay after the agent ended"
 
+# --- a template naming the VRF twice is read alike live, when applying and
+# when removing: VRF gold is namespace gold-gold, and red is no VRF's
+vrf_namespace gold-gold 3
+start_agent --live --apply --netns '%s-%s' --mdns-intf 'v-*' --resync 3600
+first=
+read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
+  give_up "the agent with --netns %s-%s did not say ready within ${deadline}s: [$first]"
+await "show state" 'vrf add global "gold"'
+await "show state" 'vrf add global "red"' absent
+ip -n gold-gold link set v-gold-gold up
+await "show applied" 'vrf="gold" netns="gold-gold" state=ok rules=1'
+[ "$(datagrams_into gold-gold)" = 3 ] || fail "datagrams did not arrive in gold-gold"
+signal_agent TERM
+"$agent" --netns '%s-%s' --remove-applied 2>> "$work/agent.err" ||
+  fail "--remove-applied with --netns %s-%s failed"
+ip netns exec gold-gold iptables-save | grep -q ACLAGENT && fail "gold-gold kept the agent's chain"
+[ "$(datagrams_into red)" = 3 ] || fail "removal reached red, which %s-%s does not name"
+
 finish

@@ -172,17 +172,16 @@ void VrfApplier::vrfRulesIs(const std::string& name, std::optional<ChainRules> r
   auto [it, isNew] = vrfs_.try_emplace(name);
   if (isNew) {
     it->second = std::make_unique<Vrf>();
-    it->second->name = name;
-  }
-  Vrf& vrf = *it->second;
-  if (isNew) {
-    vrf.netns = options_.namespaces.netnsOf(name);
-    if (auto fault = name == kDefaultVrf ? std::nullopt : NamespaceMap::nameFault(vrf.netns)) {
-      vrf.step = Vrf::Step::kUnapplicable;
-      vrf.error = *fault;
-      report(vrf, *fault);
+    Vrf& made = *it->second;
+    made.name = name;
+    made.netns = options_.namespaces.netnsOf(name);
+    if (auto fault = name == kDefaultVrf ? std::nullopt : NamespaceMap::nameFault(made.netns)) {
+      made.step = Vrf::Step::kUnapplicable;
+      made.error = *fault;
+      report(made, *fault);
     }
   }
+  Vrf& vrf = *it->second;
   const bool changed = rules && *rules != vrf.wanted;
   if (changed) {
     vrf.wanted = std::move(*rules);

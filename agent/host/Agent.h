@@ -11,7 +11,7 @@
 // scenario, and the agent says when it is ready:
 //
 //   agent.readyListenerIs([] { std::cout << "ready\n"; });
-//   agent.liveIs({"eth*"});            // loads the plugins once the kernel is read
+//   agent.liveIs({"eth*"}, NamespaceMap("%s"));   // loads the plugins once the kernel is read
 //   loop->runUntil([&] { return stopped; });
 //
 // A command that fails raises an exception whose text says what went wrong

@@ -3,8 +3,8 @@
 # any is missing. Safe to run again: it does nothing when all are present.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev libedit-dev libmnl-dev
-          iptables iproute2 procps clang libclang-rt-14-dev)
+packages=(g++ binutils cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev libedit-dev
+          libmnl-dev iptables iproute2 procps clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,9 +1,9 @@
 #include "agent/os/ChildProcess.h"
 
+#include "agent/os/ChildLaunch.h"
+
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -16,16 +16,11 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
-#include <type_traits>
 
 extern char** environ;
 
 namespace AclAgent {
 namespace {
-
-// Where a child that could not run its program stopped.
-constexpr int kEnterNetns = 1;
-constexpr int kExec = 2;
 
 std::string errorText(int error) {
   return std::strerror(error);
@@ -92,133 +87,21 @@ bool readAvailable(int fd, std::string& into) {
   }
 }
 
-// An argument of a raw system call, as a register holds it.
-template <typename T>
-__attribute__((always_inline, no_sanitize("address", "undefined"))) inline long word(T value) {
-  if constexpr (std::is_pointer_v<T>) {
-    return reinterpret_cast<long>(value);
-  } else {
-    return static_cast<long>(value);
-  }
-}
-
-// A system call made without libc, which would set errno: the child shares
-// errno with the agent's thread, which runs on meanwhile. The result, or
-// -errno. Inlined into the child's code, as everything that runs there.
-template <typename A = long, typename B = long, typename C = long, typename D = long>
-__attribute__((always_inline, no_sanitize("address", "undefined"))) inline long rawSyscall(
-    long number, A first = 0, B second = 0, C third = 0, D fourth = 0) {
-#if defined(__x86_64__)
-  long result;
-  register long a3 __asm__("r10") = word(fourth);
-  __asm__ volatile("syscall"
-                   : "=a"(result)
-                   : "a"(number), "D"(word(first)), "S"(word(second)), "d"(word(third)), "r"(a3)
-                   : "rcx", "r11", "memory", "cc");
-  return result;
-#elif defined(__aarch64__)
-  register long n __asm__("x8") = number;
-  register long a0 __asm__("x0") = word(first);
-  register long a1 __asm__("x1") = word(second);
-  register long a2 __asm__("x2") = word(third);
-  register long a3 __asm__("x3") = word(fourth);
-  __asm__ volatile("svc 0" : "+r"(a0) : "r"(n), "r"(a1), "r"(a2), "r"(a3) : "memory", "cc");
-  return a0;
-#else
-#error "the child's raw system calls are written for x86-64 and arm64 only"
-#endif
-}
-
-// The kernel's own `struct sigaction`, which rt_sigaction takes (libc's
-// differs), and the size of its signal sets.
-struct KernelSigaction {
-  void (*handler)(int);
-  unsigned long flags;
-  void (*restorer)();
-  std::uint64_t mask;
-};
-constexpr std::size_t kSigsetSize = sizeof(std::uint64_t);
-
-constexpr std::uint64_t signalBit(int sig) {
-  return std::uint64_t{1} << (sig - 1);
-}
-// Signals that the child gets back on their default action even where the
-// agent ignores them.
-constexpr std::uint64_t kTakenBack = signalBit(SIGPIPE) | signalBit(SIGINT) | signalBit(SIGTERM) |
-                                     signalBit(SIGHUP) | signalBit(SIGQUIT) | signalBit(SIGCHLD);
-
 }  // namespace
 
-// What a child reads until it execs, made ready by the parent, with the stack
-// it runs on; where it stopped and why, when it could not run the program.
-// The child shares the parent's memory and reads this while the parent runs
-// on, so nothing of it changes until the child has ended.
+// What a child reads until it execs, with the strings it points into; where
+// it stopped and why, when it could not run the program. The child shares
+// the parent's memory and reads this while the parent runs on, so nothing of
+// it changes until the child has ended.
 struct ChildLaunch {
   std::string path;
   std::vector<std::string> words;
   std::vector<char*> argv;
   std::vector<char*> envp;  // a copy: the environment may change meanwhile
-  // What the child reads: plain values, so that it calls nothing.
-  const char* file = nullptr;          // path
-  char* const* args = nullptr;         // argv
-  char* const* environment = nullptr;  // envp
-  int netnsFd = -1;
-  int in = -1;
-  int out = -1;
-  int err = -1;
-  int stage = 0;  // kEnterNetns or kExec when it stopped
-  int error = 0;
-  alignas(16) char stack[16 * 1024];
+  ChildExec exec;
 };
 
 namespace {
-
-// The child's side until it execs. It shares the parent's memory (and its
-// thread's errno and sanitizer state) while the parent runs on, so it makes
-// raw system calls only, on its own stack, and calls nothing. Every signal is
-// blocked when it starts.
-__attribute__((noinline, no_sanitize("address", "undefined"))) int childMain(void* arg) {
-  ChildLaunch& launch = *static_cast<ChildLaunch*>(arg);
-  // A handler is the agent's code, which must not run in here; none survives
-  // exec anyway.
-  for (int sig = 1; sig < NSIG; ++sig) {
-    if (sig == SIGKILL || sig == SIGSTOP) continue;
-    // Set field by field: a compiler may make `{}` a call to memset.
-    KernelSigaction action;
-    action.handler = SIG_DFL;
-    if (rawSyscall(SYS_rt_sigaction, sig, 0, &action, kSigsetSize) != 0) continue;
-    const bool ignored = action.handler == SIG_IGN && ((kTakenBack >> (sig - 1)) & 1) == 0;
-    if (action.handler != SIG_DFL && !ignored) {
-      action.handler = SIG_DFL;
-      action.flags = 0;
-      action.restorer = nullptr;
-      action.mask = 0;
-      rawSyscall(SYS_rt_sigaction, sig, &action, 0, kSigsetSize);
-    }
-  }
-  if (launch.netnsFd >= 0) {
-    const long entered = rawSyscall(SYS_setns, launch.netnsFd, CLONE_NEWNET);
-    if (entered != 0) {
-      launch.error = static_cast<int>(-entered);
-      launch.stage = kEnterNetns;
-      return 127;
-    }
-  }
-  // The descriptors are all above 2, so none overwrites another; the copies
-  // stay open across exec.
-  rawSyscall(SYS_dup3, launch.in, 0, 0);
-  rawSyscall(SYS_dup3, launch.out, 1, 0);
-  rawSyscall(SYS_dup3, launch.err, 2, 0);
-  // Descriptors the agent opened without close-on-exec stay out of the child
-  // as well.
-  rawSyscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
-  const std::uint64_t none = 0;
-  rawSyscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, 0, kSigsetSize);
-  const long exec = rawSyscall(SYS_execve, launch.file, launch.args, launch.environment);
-  launch.error = static_cast<int>(-exec);
-  launch.stage = kExec;
-  return 127;
-}
 
 // Starts a child that runs `command` with the given descriptors as its
 // standard input, output and error; pid -1, with `*error` set, when none
@@ -228,7 +111,7 @@ __attribute__((noinline, no_sanitize("address", "undefined"))) int childMain(voi
 // thread does not wait for it.
 pid_t spawn(const ChildCommand& command, int in, int out, int err,
             std::unique_ptr<ChildLaunch>* launch, int* pidFd, std::string* error) {
-  // Not value-initialised: the stack needs no zeroing.
+  // Not value-initialised: the child's stack needs no zeroing.
   std::unique_ptr<ChildLaunch> made(new ChildLaunch);
   ChildLaunch& l = *made;
   l.path = command.path;
@@ -243,25 +126,16 @@ pid_t spawn(const ChildCommand& command, int in, int out, int err,
   l.argv.push_back(nullptr);
   for (char** variable = environ; variable && *variable; ++variable) l.envp.push_back(*variable);
   l.envp.push_back(nullptr);
-  l.file = l.path.c_str();
-  l.args = l.argv.data();
-  l.environment = l.envp.data();
-  l.netnsFd = command.netnsFd;
-  l.in = in;
-  l.out = out;
-  l.err = err;
-  // Blocked until the child has put every handler back to the default: it
-  // starts with this mask.
-  const std::uint64_t all = ~std::uint64_t{0};
-  std::uint64_t before = 0;
-  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all, &before, kSigsetSize);
-  *pidFd = -1;
-  const pid_t pid =
-      ::clone(childMain, l.stack + sizeof l.stack, CLONE_VM | CLONE_PIDFD | SIGCHLD, &l, pidFd);
-  const int cloneError = errno;
-  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, kSigsetSize);
+  l.exec.file = l.path.c_str();
+  l.exec.args = l.argv.data();
+  l.exec.environment = l.envp.data();
+  l.exec.netnsFd = command.netnsFd;
+  l.exec.in = in;
+  l.exec.out = out;
+  l.exec.err = err;
+  const pid_t pid = cloneChild(l.exec, pidFd);
   if (pid < 0) {
-    *error = "cannot start \"" + command.program + "\": " + errorText(cloneError);
+    *error = "cannot start \"" + command.program + "\": " + errorText(-pid);
     return -1;
   }
   *pidFd = aboveStdio(*pidFd);
@@ -271,11 +145,13 @@ pid_t spawn(const ChildCommand& command, int in, int out, int err,
 
 // Why a child that has ended could not run its program, or empty.
 std::string launchFailure(const ChildLaunch& launch) {
-  if (launch.stage == kEnterNetns) {
-    return "cannot enter the network namespace: " + errorText(launch.error);
-  }
-  if (launch.stage == kExec) {
-    return "cannot run \"" + launch.words.front() + "\": " + errorText(launch.error);
+  switch (launch.exec.stage) {
+    case ChildExecStage::kEnterNetns:
+      return "cannot enter the network namespace: " + errorText(launch.exec.error);
+    case ChildExecStage::kExec:
+      return "cannot run \"" + launch.words.front() + "\": " + errorText(launch.exec.error);
+    case ChildExecStage::kNone:
+      break;
   }
   return {};
 }

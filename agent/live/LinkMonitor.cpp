@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "agent/os/Namespaces.h"
+
 namespace AclAgent {
 
 namespace {
@@ -29,10 +31,17 @@ mnl_socket* openInNamespace(const std::string& path) {
   if (!path.empty()) {
     home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     if (home < 0) throw failure("cannot open the agent's own network namespace");
-    target = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (target < 0 || setns(target, CLONE_NEWNET) != 0) {
+    // Never a blocking open: a FIFO left where a namespace should be would
+    // hold the event thread.
+    std::string why;
+    target = openNamespace(path, &why);
+    if (target < 0) {
+      close(home);
+      throw std::runtime_error(why.empty() ? "no network namespace " + path : why);
+    }
+    if (setns(target, CLONE_NEWNET) != 0) {
       const int error = errno;
-      if (target >= 0) close(target);
+      close(target);
       close(home);
       errno = error;
       throw failure("cannot enter network namespace " + path);

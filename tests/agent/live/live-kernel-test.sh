@@ -49,6 +49,9 @@ await() {
 
 red_rule='rule ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugin" seq=0'
 
+# --- a FIFO where a namespace should be is reported, and holds nothing up
+mkfifo /run/netns/fifo
+
 # --- a link comes up, and goes down
 vrf_namespace red 1
 await "show state" 'intf set "red/v-red" "red"'
@@ -89,6 +92,14 @@ await "show rules" 'vrf="blue"'
 # --- a namespace that goes takes its VRF, interfaces and links with it
 ip netns del blue
 await "show state" '"blue' absent
+
+# (it is tried again for a while first, as a namespace not mounted yet is)
+end=$((SECONDS + deadline))
+until grep -q 'vrf "fifo": "/run/netns/fifo" is not a namespace file' "$work/agent.err"; do
+  [ "$SECONDS" -lt "$end" ] || { fail "the FIFO under /run/netns was not reported"; break; }
+  sleep 0.05
+done
+rm /run/netns/fifo
 
 # --- publishing what the kernel owns is refused
 ask "link set v-red 0"

@@ -159,14 +159,10 @@ class Runner {
 
   int status() const { return status_; }
 
-  // The output of the run, for lines the program prints itself.
+  // The output of the run, for lines the program prints itself; they go out
+  // at `outputWritten()`.
   std::ostream& out() { return out_; }
-
- private:
-  void report(const std::string& file, unsigned line, const std::string& message) {
-    out_.flush();
-    std::cerr << file << ":" << line << ": error: " << message << "\n";
-  }
+  bool outputFailed() const { return outputFailed_; }
 
   // Whether everything printed so far went out; reports it when not.
   bool outputWritten() {
@@ -177,6 +173,12 @@ class Runner {
     std::cerr << "acl-agent: cannot write to standard output: " << std::strerror(output_.error())
               << "\n";
     return false;
+  }
+
+ private:
+  void report(const std::string& file, unsigned line, const std::string& message) {
+    out_.flush();
+    std::cerr << file << ":" << line << ": error: " << message << "\n";
   }
 
   AclAgent::Agent& agent_;
@@ -223,7 +225,8 @@ class StopSignals {
 
 // `acl-agent --live`: the agent publishes the kernel's state, loads the
 // plugins and says when it is ready; then standard input runs as it arrives,
-// until a signal.
+// until a signal, or until standard output cannot be written: a daemon that
+// can no longer say what it was asked stops, as a scenario does.
 int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner& runner,
             const Zov::Ptr<Pell::TaskSchedulerRoot>& loop) {
   StopSignals signals(*loop);
@@ -232,7 +235,7 @@ int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner
   db.gatewaySettingIs(options.gatewaySetting.value_or(0));
   agent.readyListenerIs([&] {
     runner.out() << "ready\n";
-    runner.out().flush();
+    runner.outputWritten();
   });
   agent.liveIs(options.mdnsGlobs, options.backend.namespaces);
   // The plugins load on a task of the loop: what their loading raises comes
@@ -241,6 +244,7 @@ int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner
       "--live", 0, [&] { loop->runUntil([&] { return agent.ready() || *signals.stopped(); }); });
   if (!started) return runner.status();
   runner.runLines(*loop, isatty(STDIN_FILENO), signals.stopped());
+  if (runner.outputFailed()) return runner.status();
   // The end of standard input does not stop a live agent.
   loop->runUntil([&] { return *signals.stopped(); });
   return AclAgent::kExitOk;
@@ -263,6 +267,10 @@ void reportUnusedTraces(const AclAgent::CommandLine& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Output to a pipe whose reader has gone fails its write, which is
+  // reported, rather than ending the program unheard. Children get the
+  // default action back as they start.
+  signal(SIGPIPE, SIG_IGN);
   holdClosedStandardStreams();
   AclAgent::CommandLine options;
   if (std::optional<int> status =

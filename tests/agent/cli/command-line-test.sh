@@ -76,6 +76,22 @@ expect output-closed 1 "" "acl-agent: cannot write to standard output: Bad file 
 printf 'load\nsettle\n' | "$agent" >&- 2> "$work/err"
 echo $? > "$work/status"
 expect output-closed-unused 0 "" ""
+# A pipe whose reader has gone (descriptor 5, once the FIFO's only reader
+# closed): the write fails and is reported, rather than SIGPIPE ending the
+# program unheard; a live agent, whose `ready` is its first write, stops too.
+mkfifo "$work/pipe"
+exec 4<> "$work/pipe" 5> "$work/pipe" 4<&-
+printf 'echo one\n' | "$agent" >&5 2> "$work/err"
+echo $? > "$work/status"
+expect output-reader-gone 1 "" "acl-agent: cannot write to standard output: Broken pipe"
+timeout -s KILL 60 "$agent" --live < /dev/null >&5 2> "$work/err"
+live_status=$?
+if [ "$live_status" != 1 ] ||
+  ! grep -qx "acl-agent: cannot write to standard output: Broken pipe" "$work/err"; then
+  echo "FAIL live-output-reader-gone: status $live_status (expected 1), err [$(cat "$work/err")]"
+  failures=$((failures + 1))
+fi
+exec 5>&-
 
 # -i runs standard input line by line even from a pipe: a line that does not
 # parse is reported and the session goes on. --live reads no scenario file.

@@ -121,10 +121,12 @@ class Runner {
     });
   }
 
-  // Runs standard input line by line as it arrives. A line that does not
-  // parse, or whose plugin cannot be loaded, is reported and the session
-  // goes on. False when the run must end.
-  bool runLines(Pell::TaskSchedulerRoot& loop, bool terminal, const bool* stop = nullptr) {
+  // Runs standard input line by line as it arrives, until its end, a read
+  // that fails or output that cannot be written (`outputFailed()`). A line
+  // that does not parse, or whose plugin cannot be loaded, is reported and
+  // the session goes on. Returns the error number of a failed read, or 0;
+  // the caller reports it.
+  int runLines(Pell::TaskSchedulerRoot& loop, bool terminal, const bool* stop = nullptr) {
     AclAgent::LineInput input(loop, terminal, stop);
     unsigned lineNumber = 0;
     while (std::optional<std::string> line = input.next()) {
@@ -133,15 +135,15 @@ class Runner {
       AclAgent::ParsedLine parsed = AclAgent::parseLine(text, "-", lineNumber);
       if (parsed.error) std::cerr << parsed.error->text() << "\n";
       if (parsed.command) run("-", *parsed.command);
-      if (outputFailed_) return false;
+      if (outputFailed_) return 0;
     }
-    if (input.error()) {
-      std::cerr << "acl-agent: cannot read scenario \"-\": " << std::strerror(input.error())
-                << "\n";
-      status_ = std::max(status_, AclAgent::kExitUsage);
-      return false;
-    }
-    return true;
+    return input.error();
+  }
+
+  // A scenario on standard input that could not be read.
+  void readFailed(int error) {
+    std::cerr << "acl-agent: cannot read scenario \"-\": " << std::strerror(error) << "\n";
+    status_ = std::max(status_, AclAgent::kExitUsage);
   }
 
   // Ends the run: with --apply, a VRF whose rules are not in place fails it,
@@ -243,7 +245,14 @@ int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner
   const bool started = runner.attempt(
       "--live", 0, [&] { loop->runUntil([&] { return agent.ready() || *signals.stopped(); }); });
   if (!started) return runner.status();
-  runner.runLines(*loop, isatty(STDIN_FILENO), signals.stopped());
+  if (const int error = runner.runLines(*loop, isatty(STDIN_FILENO), signals.stopped())) {
+    // Said once: the agent goes on without commands, as at their end.
+    std::cerr << "acl-agent: commands are not read: "
+              << (error == EBADF
+                      ? std::string("standard input is closed")
+                      : std::string("cannot read standard input: ") + std::strerror(error))
+              << "\n";
+  }
   if (runner.outputFailed()) return runner.status();
   // The end of standard input does not stop a live agent.
   loop->runUntil([&] { return *signals.stopped(); });
@@ -319,7 +328,7 @@ int main(int argc, char** argv) {
     return status;
   }
   if (lineByLine) {
-    runner.runLines(*loop, terminal);
+    if (const int error = runner.runLines(*loop, terminal)) runner.readFailed(error);
     agent.drain();
   } else {
     for (const auto& [name, text] : sources) {

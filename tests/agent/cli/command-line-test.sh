@@ -97,6 +97,25 @@ exec 5>&-
 # parse is reported and the session goes on. --live reads no scenario file.
 printf 'echo one\nlnk\necho two\n' | run -i
 expect interactive-goes-on 0 "$(printf 'one\ntwo')" '-:2: error: unknown command "lnk"'
+# A live agent with standard input closed says once that it reads no
+# commands, and goes on until a signal.
+mkfifo "$work/live.out"
+"$agent" --live <&- > "$work/live.out" 2> "$work/err" &
+live_pid=$!
+exec 6< "$work/live.out"
+read -r -t 30 -u 6 first_line
+end=$((SECONDS + 30))
+until grep -q "commands are not read" "$work/err" || [ "$SECONDS" -ge "$end" ]; do sleep 0.05; done
+kill -TERM "$live_pid"
+wait "$live_pid"
+live_status=$?
+exec 6<&-
+if [ "$first_line" != ready ] || [ "$live_status" != 0 ] ||
+  [ "$(grep -c "standard input\|scenario" "$work/err")" != 1 ] ||
+  ! grep -qx "acl-agent: commands are not read: standard input is closed" "$work/err"; then
+  echo "FAIL live-stdin-closed: first line [$first_line], status $live_status, err [$(cat "$work/err")]"
+  failures=$((failures + 1))
+fi
 run --live "$scenario"
 expect live-takes-no-file 2 "" "acl-agent: --live reads its commands from standard input, not from \"$scenario\"
 usage: acl-agent [OPTIONS] [SCENARIO ...] (--help lists them)"

@@ -6,6 +6,7 @@
 // input on a terminal or with -i runs line by line as it arrives.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -84,6 +85,19 @@ void holdClosedStandardStreams() {
       open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
   }
+}
+
+// A live agent holds a socket for each namespace it follows, and each write
+// of --apply pipes to a child: the soft limit on descriptors, often 1,024,
+// would end what one machine's namespaces need. The hard limit is the
+// administrator's to set; the soft one is raised to it. (The event loop polls
+// with ppoll, which takes descriptors of any number.)
+void raiseDescriptorLimit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  // Only the soft limit moves, within the hard one: this cannot fail.
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // Runs commands against the agent and keeps the exit status. What a command
@@ -276,6 +290,7 @@ void reportUnusedTraces(const AclAgent::CommandLine& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  raiseDescriptorLimit();
   // Output to a pipe whose reader has gone fails its write, which is
   // reported, rather than ending the program unheard. Children get the
   // default action back as they start.

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# acl-agent --live --apply started with a soft limit on descriptors below what
+# its namespaces need (one route netlink socket each) and a hard limit with
+# room for them, as a service manager may start it: the agent takes the hard
+# limit, and every VRF, default included, gets its rule in the kernel.
+#
+#   descriptors-kernel-test.sh ACL_AGENT
+#
+# Runs as root in a private mount and network namespace with its own /run;
+# exits 77 (skipped) with the reason where that cannot be had.
+set -uo pipefail
+agent=$1
+command -v prlimit > /dev/null || { echo "skipped: prlimit is not installed"; exit 77; }
+source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
+enter_private_namespace "$0" "$@"
+
+soft=64 hard=4096 namespaces=100
+
+# Each namespace holds a veth pair, both ends up (so running and multicast),
+# so that its VRF must have the rule.
+for ((n = 1; n <= namespaces; n++)); do
+  ip netns add "ns$n" &&
+    ip -n "ns$n" link add va type veth peer name vb &&
+    ip -n "ns$n" link set va up && ip -n "ns$n" link set vb up ||
+    { echo "FAIL: cannot make namespace ns$n"; exit 1; }
+done
+
+real_agent=$agent agent=prlimit
+start_agent "--nofile=$soft:$hard" -- "$real_agent" --live --apply --gateway-setting 5353 \
+  --resync 3600
+first=
+read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
+  give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+
+limits=$(grep '^Max open files' "/proc/$agent_pid/limits")
+read -r -a words <<< "$limits"
+[ "${words[3]}" = "$hard" ] || fail "the soft limit was not raised to the hard one: [$limits]"
+
+# Every VRF is in place, as the agent sees it and as the kernel has it.
+end=$((SECONDS + deadline))
+while true; do
+  ask "show applied"
+  in_place=$(grep -c 'state=ok rules=1 ' "$work/answer")
+  [ "$in_place" = $((namespaces + 1)) ] && break
+  [ "$SECONDS" -lt "$end" ] || {
+    fail "$in_place of $((namespaces + 1)) VRFs in place within ${deadline}s"
+    break
+  }
+  sleep 0.1
+done
+grep -q 'vrf="default" netns="" state=ok rules=1 ' "$work/answer" || fail "VRF default is not in place"
+missing=0
+for ((n = 1; n <= namespaces; n++)); do
+  ip netns exec "ns$n" iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q 'dport 5353' ||
+    missing=$((missing + 1))
+done
+[ "$missing" = 0 ] || fail "$missing of $namespaces namespaces have no rule in the kernel"
+iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q '^-A ACLAGENT-INPUT' ||
+  fail "the agent's own namespace has no rule in the kernel"
+echo "descriptors open with $namespaces namespaces followed: $(ls "/proc/$agent_pid/fd" | wc -l)"
+
+signal_agent TERM
+[ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit on SIGTERM"
+finish

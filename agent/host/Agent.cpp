@@ -63,7 +63,23 @@ void Agent::handleFinish(const L3::VrfName& vrf, bool changed) {
 }
 
 void Agent::checkReady() {
-  if (start_ != Start::kApplying || startTask_->armed() || (backend_ && !backend_->idle())) return;
+  if (start_ != Start::kApplying && start_ != Start::kNotInPlace) return;
+  if (startTask_->armed() || (backend_ && !backend_->idle())) return;
+  // A VRF that can never be applied was reported when the backend found it;
+  // waiting for it would keep the agent from ever being ready.
+  std::vector<VrfStatus> missing = notApplied();
+  std::erase_if(missing,
+                [](const VrfStatus& vrf) { return vrf.state == VrfStatus::State::kFailed; });
+  if (!missing.empty()) {
+    if (start_ == Start::kApplying) {
+      for (const VrfStatus& vrf : missing) {
+        errors_ << "acl-agent: not ready: vrf " << quoteName(vrf.vrf)
+                << (vrf.error.empty() ? std::string() : ": " + vrf.error) << "\n";
+      }
+    }
+    start_ = Start::kNotInPlace;
+    return;
+  }
   start_ = Start::kReady;
   if (readyListener_) readyListener_();
 }

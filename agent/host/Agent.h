@@ -73,7 +73,12 @@ class Agent {
   // REQUIRES: live mode is not on yet.
   void liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces);
   // Called once, when the plugins' first refresh after `liveIs` has run and,
-  // with --apply, been put in place (or failed, and waits for its retry).
+  // with --apply, is in place: every VRF whose rules must stand has them,
+  // but those that never can (`VrfStatus::State::kFailed`, reported by the
+  // backend). When the backend first goes idle with some VRF not in place,
+  // each is reported once to the error stream as
+  // `acl-agent: not ready: vrf "NAME": ERROR`, and the call waits until
+  // they are, as the backend's retries and read-backs put them.
   void readyListenerIs(std::function<void()> listener) { readyListener_ = std::move(listener); }
   bool ready() const { return start_ == Start::kReady; }
 
@@ -101,8 +106,9 @@ class Agent {
   std::unique_ptr<LiveMode> live_;
 
   // Live mode's start: the load once the kernel is read, then the check,
-  // after the task that made the first refresh, that it has been applied.
-  enum class Start : std::uint8_t { kIdle, kReading, kRefreshing, kApplying, kReady };
+  // after the task that made the first refresh, that it has been applied;
+  // kNotInPlace once it was found not to be, until it is.
+  enum class Start : std::uint8_t { kIdle, kReading, kRefreshing, kApplying, kNotInPlace, kReady };
   Start start_ = Start::kIdle;
   std::function<void()> readyListener_;
   std::unique_ptr<Pell::BackgroundTimer> startTask_;

@@ -1,0 +1,114 @@
+// The agent in live mode with --apply, fake-iptables.sh standing in for the
+// iptables programs: `ready` means that the first refresh is in place. Live
+// mode follows the test's own network namespace (it only reads it) and an
+// empty folder of namespaces, so no root is needed. The loop runs on the wall clock, as a live
+// agent's does.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "agent/host/Agent.h"
+#include "tests/platform/PlatformTesting.h"
+
+namespace AclAgent {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr Pell::Nanoseconds kDeadline = 30'000'000'000;
+
+class AgentLiveTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char folder[] = "/tmp/acl-agent-live-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    dir_ = folder;
+    for (const char* what : {"save", "restore"}) {
+      const std::string path = dir_ + "/" + what;
+      std::ofstream(path) << "#!/bin/sh\nexec bash '" << FAKE_IPTABLES_SCRIPT << "' " << what
+                          << " \"$@\"\n";
+      ::chmod(path.c_str(), 0755);
+    }
+    std::filesystem::create_directory(dir_ + "/netns");
+    ::setenv("FAKE_IPTABLES_DIR", dir_.c_str(), 1);
+    loop_->wallClockIs(true);
+  }
+  void TearDown() override {
+    agent_.reset();
+    loop_->wallClockIs(false);
+    EXPECT_EQ(loop_->workInFlight(), 0u);
+    std::filesystem::remove_all(dir_);
+  }
+
+  // A live agent with the gateway on, so that VRF default must hold a rule
+  // whatever the links.
+  Agent& start() {
+    BackendOptions options;
+    options.iptablesSave = dir_ + "/save";
+    options.iptablesRestore = dir_ + "/restore";
+    options.namespaces = NamespaceMap("%s", dir_ + "/netns");
+    options.resyncPeriod = 0;
+    agent_ = std::make_unique<Agent>(std::vector<std::string>{MCASTDNS_ACL_PLUGIN_PATH}, options,
+                                     errors_);
+    agent_->stateDatabase().gatewayEnabledIs(true);
+    agent_->stateDatabase().gatewaySettingIs(5353);
+    agent_->readyListenerIs([this] { ++readies_; });
+    agent_->liveIs({}, options.namespaces);
+    return *agent_;
+  }
+  // Runs the loop until `done`; false when it has not come within the
+  // deadline.
+  bool runUntil(const std::function<bool()>& done) {
+    bool late = false;
+    Pell::BackgroundTimer deadline(loop_, "testDeadline", [&] { late = true; });
+    deadline.armIn(kDeadline);
+    loop_->runUntil([&] { return late || done(); });
+    return !late;
+  }
+  void modeIs(const std::string& what, const std::string& mode) {
+    std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
+  }
+
+  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  std::string dir_;
+  std::ostringstream errors_;
+  std::unique_ptr<Agent> agent_;
+  int readies_ = 0;
+};
+
+std::size_t occurrences(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++n;
+  }
+  return n;
+}
+
+TEST_F(AgentLiveTest, AFirstRefreshThatCannotBeWrittenIsReportedAndReadyWaitsUntilItIsInPlace) {
+  const std::string why = "Fatal: cannot open lock file /run/xtables.lock: Permission denied";
+  modeIs("restore", "fail " + why);
+  Agent& agent = start();
+  const std::string notReady = "acl-agent: not ready: vrf \"default\": ";
+  ASSERT_TRUE(runUntil([&] {
+    return readies_ > 0 || errors_.str().find(notReady) != std::string::npos;
+  })) << errors_.str();
+  EXPECT_EQ(readies_, 0);
+  EXPECT_FALSE(agent.ready());
+  EXPECT_THAT(errors_.str(), HasSubstr(notReady + dir_ + "/restore failed: " + why + "\n"));
+
+  // The retries go on; the first that succeeds makes the agent ready, and
+  // the report was made once.
+  modeIs("restore", "ok");
+  ASSERT_TRUE(runUntil([&] { return readies_ > 0; })) << errors_.str();
+  EXPECT_EQ(readies_, 1);
+  EXPECT_TRUE(agent.notApplied().empty());
+  EXPECT_EQ(occurrences(errors_.str(), "not ready"), 1u) << errors_.str();
+}
+
+}  // namespace
+}  // namespace AclAgent

@@ -95,6 +95,7 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
     }
   });
   start_ = Start::kReading;
+  rules_->callLogIs(false);
   LiveOptions options{std::move(mdnsGlobs),
                       [this](const std::string&) {
                         if (backend_) backend_->resync();
@@ -118,6 +119,7 @@ void Agent::unload() {
 void Agent::show(ShowWhat what, std::ostream& out) {
   switch (what) {
     case ShowWhat::kCalls:
+      if (live_) throw std::runtime_error("show calls: the call log is off in live mode");
       out << rules_->renderCalls();
       return;
     case ShowWhat::kRules:

@@ -69,7 +69,9 @@ class Agent {
   // published from now on, and commands that publish them are refused. Once
   // every namespace has been read, the plugins are loaded, as `load` does,
   // on a task of the loop; a `PluginLoadError` comes out of the loop call
-  // that ran it. The gateway stays as the configuration says.
+  // that ran it. The gateway stays as the configuration says. The call log
+  // is off from now on: a daemon never shows its calls, and `show calls`
+  // says so.
   // REQUIRES: live mode is not on yet.
   void liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces);
   // Called once, when the plugins' first refresh after `liveIs` has run and,

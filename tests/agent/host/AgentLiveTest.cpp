@@ -1,8 +1,8 @@
 // The agent in live mode with --apply, fake-iptables.sh standing in for the
-// iptables programs: `ready` means that the first refresh is in place. Live
-// mode follows the test's own network namespace (it only reads it) and an
-// empty folder of namespaces, so no root is needed. The loop runs on the wall clock, as a live
-// agent's does.
+// iptables programs: `ready` means that the first refresh is in place, and a
+// daemon keeps no log of its calls. Live mode follows the test's own network
+// namespace (it only reads it) and an empty folder of namespaces, so no root
+// is needed. The loop runs on the wall clock, as a live agent's does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -108,6 +108,19 @@ TEST_F(AgentLiveTest, AFirstRefreshThatCannotBeWrittenIsReportedAndReadyWaitsUnt
   EXPECT_EQ(readies_, 1);
   EXPECT_TRUE(agent.notApplied().empty());
   EXPECT_EQ(occurrences(errors_.str(), "not ready"), 1u) << errors_.str();
+}
+
+TEST_F(AgentLiveTest, LiveModeKeepsNoCallLogAndShowCallsSaysSo) {
+  Agent& agent = start();
+  ASSERT_TRUE(runUntil([&] { return readies_ > 0; })) << errors_.str();
+  EXPECT_GT(agent.ruleService().calls(), 0u);
+  EXPECT_TRUE(agent.ruleService().unshownCalls().empty());
+  std::ostringstream out;
+  EXPECT_EQ(ZovTesting::whatOf<std::runtime_error>([&] {
+              agent.run(Command{1, ShowCmd{ShowWhat::kCalls}}, out);
+            }),
+            "show calls: the call log is off in live mode");
+  EXPECT_EQ(out.str(), "");
 }
 
 }  // namespace

@@ -125,8 +125,9 @@ void LiveMode::namespaceDel(const std::string& name) {
   const std::optional<std::string> vrf = namespaces_.vrfOf(name);
   if (!vrf) return;
   pending_.erase(*vrf);
-  monitors_.erase(*vrf);
+  const bool followed = monitors_.erase(*vrf) > 0;
   state_.vrfDel(*vrf);
+  if (followed && options_.namespaceGone) options_.namespaceGone(*vrf);
 }
 
 void LiveMode::retryPending() {

@@ -42,6 +42,9 @@ struct LiveOptions {
   // Called with the VRF of each namespace that appears after the start (the
   // kernel backend reads it back then).
   std::function<void(const std::string& vrf)> namespaceAppeared;
+  // Called with the VRF of each namespace followed that went, or was found
+  // made again: the device no longer has that VRF, nor any rule in it.
+  std::function<void(const std::string& vrf)> namespaceGone;
   // Called once, when every namespace followed has first been read whole.
   std::function<void()> dumped;
 };

@@ -81,6 +81,21 @@ ip -n red link set v-red up
 await "show rules" "$red_rule"
 [ "$(datagrams_into red)" = 3 ] || fail "datagrams did not arrive after the rename back"
 
+# --- a namespace deleted and made again starts from its own state: the old
+# one's rule does not stand in it
+vrf_namespace green 2
+ip -n green link set v-green up
+await "show applied" 'vrf="green" netns="green" state=ok rules=1'
+ip netns del green
+await "show state" '"green"' absent
+ip netns add green
+await "show state" 'vrf add global "green"'
+ask resync
+await "show applied" 'vrf="green" netns="green" state=ok rules=0'
+await "show rules" 'vrf="green"' absent
+ip netns exec green iptables-save | grep -q ACLAGENT && fail "the new green holds the old rule"
+ip netns del green
+
 # --- namespaces that cannot be VRFs are reported once, quoted, and the agent
 # goes on: a name over a VRF name's 100 bytes (holding an escape sequence),
 # and the namespace VRF default would have, which is the agent's own

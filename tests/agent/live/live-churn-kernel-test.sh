@@ -82,11 +82,13 @@ ip -b "$work/steady" || give_up "cannot make 400 veth links"
 interrupted=
 end=$((SECONDS + 3 * deadline))
 while [ -z "$interrupted" ] && [ "$SECONDS" -lt "$end" ]; do
-  rm -f "$work/stop"
-  (while [ ! -e "$work/stop" ]; do ip -b "$work/churn" > /dev/null 2>&1; done) &
+  # The churn goes on while $work/churning exists, which the end of the
+  # test removes however it ends.
+  touch "$work/churning"
+  (while [ -e "$work/churning" ]; do ip -b "$work/churn" > /dev/null 2>&1; done) &
   churn=$!
   start_traced_agent
-  touch "$work/stop"
+  rm "$work/churning"
   wait "$churn"
   grep -q 'LiveMode/0 .*the dump was interrupted' "$work/agent.err" && interrupted=yes
   await_kernel_links "after a start among links that come and go"

@@ -54,11 +54,16 @@ class LinkMonitor {
   // Whether a dump is under way, or due.
   bool dumping() const { return dumping_ || redump_; }
 
+  // Takes the messages of one read from the socket, as the loop's handler
+  // does: for tests, which feed what the kernel does not send on demand.
+  void handleMessages(const void* data, std::size_t size);
+  // The port and sequence number that replies to the last dump carry.
+  unsigned portId() const { return portId_; }
+  unsigned sequence() const { return sequence_; }
+
  private:
   void requestDump(const char* why);
   void readAll();
-  // The messages of one read from the socket.
-  void handleMessages(const void* data, std::size_t size);
   void handleLink(const nlmsghdr* header);
   void dumpEnded(const nlmsghdr* header);
 

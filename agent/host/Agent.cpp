@@ -96,13 +96,22 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
   });
   start_ = Start::kReading;
   rules_->callLogIs(false);
-  LiveOptions options{std::move(mdnsGlobs),
-                      [this](const std::string&) {
-                        if (backend_) backend_->resync();
-                      },
-                      [this] { startTask_->armIn(0); }};
+  LiveOptions options{.mdnsGlobs = std::move(mdnsGlobs),
+                      .namespaceAppeared =
+                          [this](const std::string&) {
+                            if (backend_) backend_->resync();
+                          },
+                      .namespaceGone = [this](const std::string& vrf) { vrfGone(vrf); },
+                      .dumped = [this] { startTask_->armIn(0); }};
   live_ = std::make_unique<LiveMode>(scheduler_, db_, std::move(options), std::move(namespaces),
                                      errors_);
+}
+
+void Agent::vrfGone(const std::string& vrf) {
+  // The plugin says nothing more of a VRF it no longer knows, so what it
+  // left standing there is dropped here: a namespace made again under the
+  // same name starts with no rule, until the plugin's refresh decides.
+  if (rules_->vrfRulesDel(L3::VrfName(vrf)) && backend_) backend_->vrfRulesIs(vrf, ChainRules());
 }
 
 void Agent::load() {

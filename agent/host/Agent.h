@@ -71,7 +71,8 @@ class Agent {
   // on a task of the loop; a `PluginLoadError` comes out of the loop call
   // that ran it. The gateway stays as the configuration says. The call log
   // is off from now on: a daemon never shows its calls, and `show calls`
-  // says so.
+  // says so. When a VRF's namespace goes, every rule of that VRF is dropped
+  // from the rule service and the backend is told that none must stand there.
   // REQUIRES: live mode is not on yet.
   void liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces);
   // Called once, when the plugins' first refresh after `liveIs` has run and,
@@ -97,6 +98,8 @@ class Agent {
   // mode's first refresh may be over.
   void handleFinish(const L3::VrfName& vrf, bool changed);
   void checkReady();
+  // Live mode: VRF `vrf`'s namespace went, and every rule of it with it.
+  void vrfGone(const std::string& vrf);
 
   std::vector<std::string> pluginPaths_;
   std::ostream& errors_;

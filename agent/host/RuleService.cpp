@@ -1,5 +1,6 @@
 #include "agent/host/RuleService.h"
 
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -207,6 +208,33 @@ void RuleService::dropEmptySlots(Batch& batch) {
       ++it;
     }
   }
+}
+
+bool RuleService::vrfRulesDel(const L3::VrfName& vrf) {
+  std::set<const BatchMap::value_type*> gone;
+  bool stood = false;
+  for (auto& entry : batches_) {
+    if (entry.first.vrf != vrf) continue;
+    gone.insert(&entry);
+    Batch& batch = entry.second;
+    if (batch.firstKey && batch.first.standing != rules_.end()) {
+      rules_.erase(batch.first.standing);
+      stood = true;
+    }
+    for (auto& [key, slot] : batch.more) {
+      if (slot.standing == rules_.end()) continue;
+      rules_.erase(slot.standing);
+      stood = true;
+    }
+  }
+  if (gone.empty()) return false;
+  // The guesses of which batch comes next must not lead to one that went.
+  if (gone.count(lastBatch_)) lastBatch_ = nullptr;
+  for (auto& [key, batch] : batches_) {
+    if (gone.count(batch.next)) batch.next = nullptr;
+  }
+  std::erase_if(batches_, [&](const auto& entry) { return gone.count(&entry) > 0; });
+  return stood;
 }
 
 std::uint64_t RuleService::finishes(const L3::VrfName& vrf) const {

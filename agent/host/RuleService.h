@@ -116,6 +116,13 @@ class RuleService : public Acl::PluginContext {
   // (`chainNameFault`, `ruleTextFault`) is left out.
   ChainRules vrfRules(const L3::VrfName& vrf) const;
 
+  // Drops every rule of `vrf`, standing or staged, and every batch that
+  // names it, as though no plugin had named the VRF yet: for a VRF the
+  // device no longer has. Nothing is logged and no finish is reported, and
+  // its finishes are counted from 0 again. Returns whether a rule stood
+  // there.
+  bool vrfRulesDel(const L3::VrfName& vrf);
+
   // Called after every finish with the VRF it named and whether it changed
   // what stands there. One listener; an empty function removes it.
   using FinishListener = std::function<void(const L3::VrfName& vrf, bool changed)>;

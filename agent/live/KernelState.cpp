@@ -34,8 +34,9 @@ std::uint8_t KernelState::linkState(const KernelLink& link) const {
 
 void KernelState::vrfIs(const std::string& vrf) {
   if (namespaces_.count(vrf)) return;
-  namespaces_[vrf];
+  // A name the database refuses (over a VRF name's length) leaves nothing.
   claim_.write([&](StateDatabase& db) { db.vrfIs(VrfView::kGlobal, vrf); });
+  namespaces_[vrf];
 }
 
 void KernelState::vrfDel(const std::string& vrf) {

@@ -54,6 +54,9 @@ class KernelState {
   std::uint8_t linkState(const KernelLink& link) const;
 
   // VRF `vrf`'s namespace appeared; "default" is there from the start.
+  // Raises what the state database raises for a name it refuses (a
+  // `Zov::RangeException` for one over 100 bytes), and then knows nothing of
+  // `vrf`.
   void vrfIs(const std::string& vrf);
   // It went, and every interface in it.
   void vrfDel(const std::string& vrf);

@@ -11,6 +11,14 @@
 // published through `KernelState`. A namespace whose file appears before it
 // is mounted (as `ip netns add` makes it) is tried again shortly.
 //
+// A folder that does not exist yet (no `ip netns add` since boot) is waited
+// for in its parent, and read when it appears; one that goes is waited for
+// again. When inotify says events were lost, the folder is read again and
+// only the differences are followed. A namespace that cannot be a VRF's (a
+// VRF name over 100 bytes, or the one the template makes of "default") is
+// reported once on the error stream, as `acl-agent: vrf "NAME": MESSAGE`,
+// and left alone until it goes.
+//
 // Threading: the event thread only.
 #pragma once
 
@@ -19,6 +27,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,6 +42,9 @@ struct LiveOptions {
   // Called with the VRF of each namespace that appears after the start (the
   // kernel backend reads it back then).
   std::function<void(const std::string& vrf)> namespaceAppeared;
+  // Called with the VRF of each namespace followed that went, or was found
+  // made again: the device no longer has that VRF, nor any rule in it.
+  std::function<void(const std::string& vrf)> namespaceGone;
   // Called once, when every namespace followed has first been read whole.
   std::function<void()> dumped;
 };
@@ -56,6 +68,14 @@ class LiveMode {
   void follow(const std::string& vrf, const std::string& netnsPath);
   void namespaceIs(const std::string& name);
   void namespaceDel(const std::string& name);
+  // Reports namespace `name` (of VRF `vrf`) once and leaves it alone.
+  void refuse(const std::string& name, const std::string& vrf, const std::string& why);
+  // Watches the folder, or its parent for the folder's creation while it
+  // does not exist; whether the folder is watched.
+  bool watchFolder();
+  // Follows what the folder holds now: namespaces it no longer holds go,
+  // new ones are followed, the others stay as they are.
+  void rescan();
   void readNamespaceEvents();
   void retryPending();
   void dumpEnded(const std::string& vrf);
@@ -69,8 +89,12 @@ class LiveMode {
   KernelState state_;
   std::map<std::string, std::unique_ptr<LinkMonitor>> monitors_;  // by VRF
   std::map<std::string, int> pending_;  // VRF -> attempts, not yet mounted
+  std::set<std::string> refused_;       // namespaces reported, until they go
   Pell::BackgroundTimer retry_;
   int inotify_ = -1;
+  int folderWatch_ = -1;      // inotify's watch on the folder, or -1
+  int parentWatch_ = -1;      // on its parent, while the folder does not exist
+  bool unwatchable_ = false;  // reported that the folder cannot be followed
   Pell::FdWatch watch_;
 };
 

@@ -63,7 +63,14 @@ NamespaceMap::NamespaceMap(std::string netnsTemplate, std::string dir)
 }
 
 std::string NamespaceMap::netnsOf(std::string_view vrf) const {
-  if (vrf == kDefaultVrf) return {};
+  return vrf == kDefaultVrf ? std::string() : templated(vrf);
+}
+
+bool NamespaceMap::namesDefault(std::string_view netns) const {
+  return netns == templated(kDefaultVrf);
+}
+
+std::string NamespaceMap::templated(std::string_view vrf) const {
   std::string name = literals_.front();
   for (std::size_t i = 1; i < literals_.size(); ++i) {
     name += vrf;

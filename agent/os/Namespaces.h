@@ -46,6 +46,9 @@ class NamespaceMap {
   // "default", that the template turns into `netns`; nothing if there is
   // none or `netns` cannot be a namespace name.
   std::optional<std::string> vrfOf(std::string_view netns) const;
+  // Whether `netns` is what the template makes of the name "default": a
+  // namespace no VRF has, since VRF default is the agent's own namespace.
+  bool namesDefault(std::string_view netns) const;
   // The file of namespace `netns`.
   std::string pathOf(std::string_view netns) const;
   // The namespaces under `dir` that are some VRF's, in bytewise order;
@@ -54,6 +57,9 @@ class NamespaceMap {
   std::vector<std::string> listed(std::string* error) const;
 
  private:
+  // What the template makes of `vrf`, "default" included.
+  std::string templated(std::string_view vrf) const;
+
   std::string template_;
   std::string dir_;
   // The template cut at each "%s", with "%%" already turned into '%'.

@@ -82,8 +82,10 @@ TEST_F(RuleServiceTest, IptablesOutputStaysRestorable) {
 
 // The service against the plainest model of its contract, over random calls:
 // every finish must tell the same "changed" and leave the same rules, however
-// the batches' calls mix, repeat and come back. Names are sometimes the same
-// objects from call to call and sometimes equal copies, as plugins send them.
+// the batches' calls mix, repeat and come back, and a VRF dropped now and
+// then (its namespace went) loses every rule and staged call of it. Names are
+// sometimes the same objects from call to call and sometimes equal copies,
+// as plugins send them.
 TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
   using Batch = std::tuple<Acl::IptablesType, Acl::AclType, std::string, std::string>;
   struct Model {
@@ -109,9 +111,22 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
   auto owner = [&](const Zov::String& o) { return pick(4) ? o : Zov::String(o.str()); };
 
   constexpr int kSteps = 40000;  // one call a step
+  int drops = 0;
   for (int step = 0; step < kSteps; ++step) {
     const auto ipt = static_cast<Acl::IptablesType>(pick(2));
     const int v = pick(3), c = pick(2);
+    if (pick(200) == 0) {
+      const bool stood = std::erase_if(model.rules, [&](const auto& rule) {
+                           return rule.first.vrf == vrfs[v];
+                         }) > 0;
+      std::erase_if(model.staged,
+                    [&](const auto& batch) { return std::get<2>(batch.first) == vrfs[v].str(); });
+      model.finishes.erase(vrfs[v].str());
+      ++drops;
+      ASSERT_EQ(rules->vrfRulesDel(vrf(v)), stood) << "step " << step;
+      ASSERT_TRUE(rules->rules() == model.rules) << "step " << step;
+      continue;
+    }
     const Batch batch{ipt, Acl::AclType::kControlPlane, vrfs[v].str(), chains[c].str()};
     const RuleKey key{ipt, Acl::AclType::kControlPlane, vrfs[v],
                       static_cast<Acl::AclDirection>(pick(2)), chains[c], owners[pick(2)],
@@ -156,8 +171,9 @@ TEST(RuleServiceModelTest, AgreesWithAPlainModelOverRandomCalls) {
   for (const L3::VrfName& name : vrfs) {
     EXPECT_EQ(rules->finishes(L3::VrfName(name.str())), model.finishes[name.str()]);
   }
-  EXPECT_EQ(rules->calls(), std::uint64_t{kSteps});
+  EXPECT_EQ(rules->calls(), static_cast<std::uint64_t>(kSteps - drops));
   EXPECT_FALSE(model.rules.empty()) << "the run should leave rules standing";
+  EXPECT_GT(drops, 100) << "the run should drop VRFs often";
 }
 
 }  // namespace

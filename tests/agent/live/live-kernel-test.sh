@@ -25,7 +25,9 @@ vrf_namespace() {
   ip netns exec "$name" iptables -P INPUT DROP
 }
 
-# The agent, and its first line.
+# The agent, and its first line; /run/netns does not exist yet, as at boot
+# before the first `ip netns add`.
+rmdir /run/netns
 start_agent --live --apply --mdns-intf 'v-*' --resync 3600
 first=
 read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
@@ -49,12 +51,14 @@ await() {
 
 red_rule='rule ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugin" seq=0'
 
+# --- the first namespace makes /run/netns, which is followed from then on
+vrf_namespace red 1
+await "show state" 'intf set "red/v-red" "red"'
+
 # --- a FIFO where a namespace should be is reported, and holds nothing up
 mkfifo /run/netns/fifo
 
 # --- a link comes up, and goes down
-vrf_namespace red 1
-await "show state" 'intf set "red/v-red" "red"'
 await "show state" 'link set "red/v-red"#0 0'
 ip -n red link set v-red up
 await "show rules" "$red_rule"
@@ -76,6 +80,53 @@ ip -n red link set x-red name v-red
 ip -n red link set v-red up
 await "show rules" "$red_rule"
 [ "$(datagrams_into red)" = 3 ] || fail "datagrams did not arrive after the rename back"
+
+# --- a namespace deleted and made again starts from its own state: the old
+# one's rule does not stand in it
+vrf_namespace green 2
+ip -n green link set v-green up
+await "show applied" 'vrf="green" netns="green" state=ok rules=1'
+ip netns del green
+await "show state" '"green"' absent
+ip netns add green
+await "show state" 'vrf add global "green"'
+ask resync
+await "show applied" 'vrf="green" netns="green" state=ok rules=0'
+await "show rules" 'vrf="green"' absent
+ip netns exec green iptables-save | grep -q ACLAGENT && fail "the new green holds the old rule"
+ip netns del green
+
+# --- namespaces that cannot be VRFs are reported once, quoted, and the agent
+# goes on: a name over a VRF name's 100 bytes (holding an escape sequence),
+# and the namespace VRF default would have, which is the agent's own
+long=$(printf '\e[31m%0150d' 0)
+ip netns add "$long"
+ip netns add default
+ip netns add after
+await "show state" 'vrf add global "after"'
+long_report='acl-agent: vrf "\x1b[31m00000000000000000000000000000000000"... (155 bytes): a VRF name is at most 100 bytes'
+default_report='acl-agent: vrf "default": namespace "default" is not followed'
+[ "$(grep -cF "$long_report" "$work/agent.err")" = 1 ] ||
+  fail "the namespace with a long name was not reported once as [$long_report]"
+[ "$(grep -cF "$default_report" "$work/agent.err")" = 1 ] ||
+  fail "the namespace default was not reported once as [$default_report]"
+grep -q $'\e' "$work/agent.err" && fail "a namespace name reached standard error raw"
+ip netns del "$long" && ip netns del default && ip netns del after
+
+# --- namespaces made while inotify's queue overflowed are found all the same:
+# the agent, stopped, misses more events than the queue holds
+events=$(cat /proc/sys/fs/inotify/max_queued_events)
+if [ "$events" -le 100000 ]; then
+  kill -STOP "$agent_pid"
+  (cd /run/netns && seq -f 'x%.0f' "$events" | xargs touch && seq -f 'x%.0f' "$events" | xargs rm)
+  ip netns add late
+  kill -CONT "$agent_pid"
+  await "show state" 'vrf add global "late"'
+  ip netns del late
+  await "show state" '"late"' absent
+else
+  echo "not checked: inotify's queue holds $events events, too many to overflow here"
+fi
 
 # --- an interface moved into another namespace follows it
 ip link add v-move type veth peer name h-move

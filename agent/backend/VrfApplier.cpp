@@ -213,6 +213,13 @@ void VrfApplier::resync() {
   pump();
 }
 
+void VrfApplier::vrfResync(const std::string& name) {
+  auto it = vrfs_.find(name);
+  if (it == vrfs_.end() || it->second->step == Vrf::Step::kUnapplicable) return;
+  sync(*it->second);
+  pump();
+}
+
 // Asks for a read-back of `vrf`, and a write if it differs.
 void VrfApplier::sync(Vrf& vrf) {
   switch (vrf.step) {

@@ -80,8 +80,8 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
   });
   start_ = Start::kReading;
   LiveOptions options{std::move(mdnsGlobs),
-                      [this](const std::string&) {
-                        if (backend_) backend_->resync();
+                      [this](const std::string& vrf) {
+                        if (backend_) backend_->vrfResync(vrf);
                       },
                       [this] { startTask_->armIn(0); }};
   live_ = std::make_unique<LiveMode>(scheduler_, db_, std::move(options), std::move(namespaces),

@@ -299,5 +299,19 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
   for (const auto& s : backend().statuses()) EXPECT_EQ(s.writes, 1u) << s.vrf;
 }
 
+TEST_F(IptablesBackendTest, ANamespaceThatAppearsIsTheOnlyOneReadBack) {
+  if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
+  for (const char* name : {"v1", "v2", "v3"}) {
+    ::symlink("/proc/self/ns/net", (dir_ + "/netns/" + name).c_str());
+    backend().vrfRulesIs(name, ChainRules{});
+  }
+  settle();
+  const int saves = runs("save");
+  backend().vrfResync("v2");
+  backend().vrfResync("unknown");  // not known yet: read back once it is
+  settle();
+  EXPECT_EQ(runs("save"), saves + 1);
+}
+
 }  // namespace
 }  // namespace AclAgent

@@ -31,8 +31,10 @@ class KernelTable {
   class Snapshot {
    public:
     virtual ~Snapshot() = default;
-    // Whether exactly `rules` stand, as the owned chains and their jumps.
-    virtual bool holds(const ChainRules& rules) const = 0;
+    // How what stands differs from exactly `rules`, as the owned chains and
+    // their jumps, for a message; nothing when exactly they stand.
+    virtual std::optional<std::string> drift(const ChainRules& rules) const = 0;
+    bool holds(const ChainRules& rules) const { return !drift(rules); }
   };
 
   struct ReadResult {

@@ -11,7 +11,9 @@ namespace {
 class SavedSnapshot : public KernelTable::Snapshot {
  public:
   explicit SavedSnapshot(SavedTable saved) : saved_(std::move(saved)) {}
-  bool holds(const ChainRules& rules) const override { return inPlace(saved_, rules); }
+  std::optional<std::string> drift(const ChainRules& rules) const override {
+    return AclAgent::drift(saved_, rules);
+  }
   const SavedTable& saved() const { return saved_; }
 
  private:
@@ -78,6 +80,10 @@ std::unique_ptr<KernelTable::Job> IptablesTable::read(int netnsFd,
         ReadResult read;
         if (!result.ok()) {
           read.error = whyFailed(save_, result);
+        } else if (auto unreadable = unreadableTable(result.out)) {
+          // Read as empty, it would have the agent add its jump at every
+          // resync.
+          read.error = save_.name + " cannot show the filter table: " + *unreadable;
         } else {
           read.snapshot = std::make_unique<SavedSnapshot>(parseSave(result.out));
           if (otherFamilyPresent(result.err)) {
@@ -121,6 +127,9 @@ std::optional<std::string> IptablesTable::removeAll(int netnsFd) {
   const ChildResult read =
       ChildProcess::run({save_.name, {"-t", "filter"}, netnsFd, {}}, childTimeout_);
   if (!read.ok()) return whyFailed(save_, read);
+  if (auto unreadable = unreadableTable(read.out)) {
+    return save_.name + " cannot show the filter table: " + *unreadable;
+  }
   const SavedTable saved = parseSave(read.out);
   if (inPlace(saved, {})) return std::nullopt;
   const ChildResult written = ChildProcess::run(

@@ -1,7 +1,10 @@
 #include "agent/backend/iptables/IptablesText.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+
+#include "agent/base/Text.h"
 
 namespace AclAgent {
 namespace {
@@ -157,29 +160,53 @@ bool otherFamilyPresent(std::string_view saveErrors) {
   return saveErrors.find("iptables-legacy tables present") != std::string_view::npos;
 }
 
+std::optional<std::string> unreadableTable(std::string_view output) {
+  for (std::string_view line : linesOf(output)) {
+    if (line.starts_with("# Table `filter'")) return std::string(line.substr(2));
+  }
+  return std::nullopt;
+}
+
 bool inPlace(const SavedTable& saved, const ChainRules& wanted) {
+  return !drift(saved, wanted);
+}
+
+std::optional<std::string> drift(const SavedTable& saved, const ChainRules& wanted) {
   for (const auto& [chain, rules] : wanted) {
     if (rules.empty()) continue;
     const std::string owned = ownedChain(chain);
     auto ownedRules = saved.chains.find(owned);
-    if (ownedRules == saved.chains.end() || ownedRules->second.size() != rules.size()) return false;
+    if (ownedRules == saved.chains.end()) return "chain " + quoteName(owned) + " is missing";
+    if (ownedRules->second.size() != rules.size()) {
+      return "chain " + quoteName(owned) + " holds " + std::to_string(ownedRules->second.size()) +
+             " rules, not " + std::to_string(rules.size());
+    }
     for (std::size_t i = 0; i < rules.size(); ++i) {
-      if (ownedRules->second[i].tag != ruleTag(rules[i])) return false;
+      if (ownedRules->second[i].tag != ruleTag(rules[i])) {
+        return "rule " + std::to_string(i + 1) + " of chain " + quoteName(owned) +
+               " is not the agent's rule " + quoteName(rules[i]);
+      }
     }
     auto kernelChain = saved.chains.find(chain);
-    if (kernelChain == saved.chains.end() || kernelChain->second.empty()) return false;
+    if (kernelChain == saved.chains.end() || kernelChain->second.empty() ||
+        !plainJump(kernelChain->second.front(), owned)) {
+      return "chain " + quoteName(chain) + " does not start with the jump to " + quoteName(owned);
+    }
     const std::vector<SavedRule>& inChain = kernelChain->second;
-    if (!plainJump(inChain.front(), owned)) return false;
     for (std::size_t i = 1; i < inChain.size(); ++i) {
-      if (inChain[i].target == owned) return false;
+      if (inChain[i].target == owned) {
+        return "chain " + quoteName(chain) + " jumps to " + quoteName(owned) + " more than once";
+      }
     }
   }
   for (const auto& [name, rules] : saved.chains) {
     if (!name.starts_with(kOwnedPrefix)) continue;
     auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
-    if (stands == wanted.end() || stands->second.empty()) return false;
+    if (stands == wanted.end() || stands->second.empty()) {
+      return "chain " + quoteName(name) + " stands with no rule of the agent's to hold";
+    }
   }
-  return true;
+  return std::nullopt;
 }
 
 RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {

@@ -65,6 +65,11 @@ struct SavedTable {
 // The `*filter` table of iptables-save output; lines it does not know are
 // skipped.
 SavedTable parseSave(std::string_view output);
+// What iptables-save printed in place of the filter table when it cannot
+// show it (an nft table holding what the iptables programs cannot list,
+// "# Table `filter' is incompatible, use 'nft' tool."), with status 0;
+// nothing when it showed it.
+std::optional<std::string> unreadableTable(std::string_view output);
 // Whether iptables-save's standard error says that the other family's tables
 // (legacy beside nft) hold rules too.
 bool otherFamilyPresent(std::string_view saveErrors);
@@ -77,6 +82,9 @@ std::vector<std::string> splitWords(std::string_view spec);
 // the plain jump to it, with no other jump to it in the chain; and no other
 // owned chain stands.
 bool inPlace(const SavedTable& saved, const ChainRules& wanted);
+// The first way in which `saved` does not hold `wanted` exactly, for a
+// message; nothing when it does (`inPlace`).
+std::optional<std::string> drift(const SavedTable& saved, const ChainRules& wanted);
 
 // One line of restore input and what it stands for.
 struct RestoreLine {

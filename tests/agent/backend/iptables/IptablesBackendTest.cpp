@@ -182,7 +182,7 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   backend().idleListenerIs([&] { ++becameIdle; });
   loop_->advance(90'000 * kMs - 1);
   settle();
-  EXPECT_EQ(runs("save"), 1);
+  EXPECT_EQ(runs("save"), 2);  // the read-back, and the one that checks the write
   // While the resync reads a VRF back, it shows as it stood.
   modeIs("save", "slow 0.2");
   loop_->advance(1);
@@ -191,11 +191,11 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   settle();
   EXPECT_TRUE(backend().idle());
   EXPECT_EQ(becameIdle, 1);
-  EXPECT_EQ(runs("save"), 2);
+  EXPECT_EQ(runs("save"), 3);
   modeIs("save", "ok");
   loop_->advance(90'000 * kMs);
   settle();
-  EXPECT_EQ(runs("save"), 3);
+  EXPECT_EQ(runs("save"), 4);
   EXPECT_EQ(runs("restore"), 1);
 }
 
@@ -311,6 +311,72 @@ TEST_F(IptablesBackendTest, ANamespaceThatAppearsIsTheOnlyOneReadBack) {
   backend().vrfResync("unknown");  // not known yet: read back once it is
   settle();
   EXPECT_EQ(runs("save"), saves + 1);
+}
+
+TEST_F(IptablesBackendTest, AnUnreadableTableIsARetriedReadErrorAndAWriteWithoutEffectIsPaced) {
+  const std::string report = "acl-agent: apply vrf \"default\": ";
+  modeIs("save", "incompatible");
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + dir_ +
+                               "/save cannot show the filter table: Table `filter' is "
+                               "incompatible, use 'nft' tool.\n");
+  EXPECT_EQ(runs("restore"), 0);
+  EXPECT_EQ(status("default").state, State::kWaiting);
+
+  // A restore that does nothing and exits 0: the read-back after it finds
+  // the same drift, which is reported, and the write is retried with the
+  // growing delay, not at each resync.
+  modeIs("save", "ok");
+  modeIs("restore", "noop");
+  errors_.str("");
+  loop_->advance(100 * kMs);
+  settle();
+  const std::string noEffect =
+      report + "the write did not take effect: chain \"ACLAGENT-INPUT\" is missing\n";
+  EXPECT_EQ(errors_.str(), noEffect);
+  EXPECT_EQ(runs("restore"), 1);
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(loop_->nextDue() - loop_->now(), 200 * kMs);
+  backend().resync();
+  settle();
+  EXPECT_EQ(runs("restore"), 1);
+  loop_->advance(200 * kMs);
+  settle();
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_EQ(errors_.str(), noEffect + noEffect);
+  EXPECT_EQ(loop_->nextDue() - loop_->now(), 400 * kMs);
+
+  modeIs("restore", "ok");
+  loop_->advance(400 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(runs("restore"), 3);
+  EXPECT_EQ(errors_.str(), noEffect + noEffect);
+}
+
+TEST_F(IptablesBackendTest, AChangeOfRulesIsAWriteAndOnlyDriftIsARepair) {
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  backend().vrfRulesIs("default", ChainRules{});
+  settle();
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(status("default").writes, 4u);
+  EXPECT_EQ(status("default").repairs, 0u);
+  // The jump deleted behind the agent's back.
+  std::string table = file("table");
+  const std::string jump = "-A INPUT -j ACLAGENT-INPUT\n";
+  ASSERT_NE(table.find(jump), std::string::npos) << table;
+  table.erase(table.find(jump), jump.size());
+  std::ofstream(dir_ + "/table") << table;
+  backend().resync();
+  settle();
+  EXPECT_EQ(status("default").writes, 5u);
+  EXPECT_EQ(status("default").repairs, 1u);
+  EXPECT_EQ(status("default").state, State::kOk);
 }
 
 }  // namespace

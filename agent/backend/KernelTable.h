@@ -55,6 +55,10 @@ class KernelTable {
       std::optional<std::string> rule;
     };
     std::optional<Refusal> refused;
+    // What a write that succeeded left undone on purpose (a chain of the
+    // agent's emptied but kept while someone else's rule jumps to it); each
+    // is reported the first time it is seen.
+    std::vector<std::string> warnings;
   };
 
   // A read or write under way.

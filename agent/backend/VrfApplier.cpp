@@ -337,6 +337,9 @@ void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
 
 void VrfApplier::handleWrite(Vrf& vrf, KernelTable::WriteResult written) {
   if (written.error.empty()) {
+    for (const std::string& warning : written.warnings) {
+      if (vrf.warned.insert(warning).second) report(vrf, warning);
+    }
     // Checked by reading it back before it counts as in place; until then
     // the retry delay stands, so a write that never takes effect is paced.
     vrf.applied = std::move(vrf.writing);

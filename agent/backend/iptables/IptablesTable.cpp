@@ -117,6 +117,8 @@ std::unique_ptr<KernelTable::Job> IptablesTable::write(int netnsFd, const Snapsh
               if (blame->kind == RestoreLine::Kind::kRule) written.refused->rule = blame->rule;
             }
           }
+        } else {
+          written.warnings = input->notes;
         }
         done(std::move(written));
       },
@@ -132,9 +134,12 @@ std::optional<std::string> IptablesTable::removeAll(int netnsFd) {
   }
   const SavedTable saved = parseSave(read.out);
   if (inPlace(saved, {})) return std::nullopt;
-  const ChildResult written = ChildProcess::run(
-      {restore_.name, {"--noflush"}, netnsFd, restoreInput(saved, {}).text}, childTimeout_);
+  const RestoreInput input = restoreInput(saved, {});
+  const ChildResult written =
+      ChildProcess::run({restore_.name, {"--noflush"}, netnsFd, input.text}, childTimeout_);
   if (!written.ok()) return whyFailed(restore_, written);
+  // What stands of the agent's is empty, but not all of it could go.
+  if (!input.notes.empty()) return input.notes.front();
   return std::nullopt;
 }
 

@@ -200,13 +200,40 @@ std::optional<std::string> drift(const SavedTable& saved, const ChainRules& want
     }
   }
   for (const auto& [name, rules] : saved.chains) {
-    if (!name.starts_with(kOwnedPrefix)) continue;
+    if (!name.starts_with(kOwnedPrefix) || !agentsChain(saved, wanted, name)) continue;
     auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
     if (stands == wanted.end() || stands->second.empty()) {
       return "chain " + quoteName(name) + " stands with no rule of the agent's to hold";
     }
   }
   return std::nullopt;
+}
+
+// The rule: the owned chain of a chain that has rules now is the agent's
+// (the name is the agent's to take); any other chain so named is the
+// agent's when it holds a rule with the agent's tag, or when it is empty
+// and its kernel chain holds the agent's plain jump to it (the agent's,
+// flushed by someone). The tag is a hash only the agent writes, so someone
+// else's chain never holds one; and one rule of ours is enough, rather than
+// every rule, so that a rule someone added into the agent's chain does not
+// keep the agent's ACCEPT standing once it must go. Everything else (a
+// chain of its own rules, an empty chain nothing of ours jumps to, the
+// agent's chain left empty where someone else's rule jumps to it) is not
+// touched.
+bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::string& name) {
+  if (!name.starts_with(kOwnedPrefix)) return false;
+  const std::string chain = name.substr(kOwnedPrefix.size());
+  if (auto it = wanted.find(chain); it != wanted.end() && !it->second.empty()) return true;
+  auto held = saved.chains.find(name);
+  if (held == saved.chains.end()) return false;
+  if (!held->second.empty()) {
+    return std::any_of(held->second.begin(), held->second.end(),
+                       [](const SavedRule& rule) { return !rule.tag.empty(); });
+  }
+  auto kernelChain = saved.chains.find(chain);
+  return kernelChain != saved.chains.end() &&
+         std::any_of(kernelChain->second.begin(), kernelChain->second.end(),
+                     [&](const SavedRule& rule) { return plainJump(rule, name); });
 }
 
 RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
@@ -254,17 +281,43 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
     for (const SavedRule* jump : jumps) add("-D " + chain + " " + jump->spec, {});
     add("-I " + chain + " 1 -j " + owned, {Kind::kChain, chain, {}});
   }
+  // The agent's chains that go; rules in them jump nowhere afterwards.
+  std::vector<std::string> going;
   for (const auto& [name, rules] : saved.chains) {
-    if (!name.starts_with(kOwnedPrefix)) continue;
+    if (!agentsChain(saved, wanted, name)) continue;
+    auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
+    if (stands == wanted.end() || stands->second.empty()) going.push_back(name);
+  }
+  auto rewritten = [&](const std::string& chain) {
+    return std::find(going.begin(), going.end(), chain) != going.end() ||
+           (chain.starts_with(kOwnedPrefix) && wanted.contains(chain.substr(kOwnedPrefix.size())));
+  };
+  for (const std::string& name : going) {
     const std::string chain = name.substr(kOwnedPrefix.size());
-    auto stands = wanted.find(chain);
-    if (stands != wanted.end() && !stands->second.empty()) continue;
     for (const SavedRule& rule : rulesOf(chain)) {
       if (rule.target == name) add("-D " + chain + " " + rule.spec, {});
     }
     // Declaring empties it, which -X needs; it is declared whatever holds it.
     add(":" + name + " - [0:0]", {});
-    add("-X " + name, {});
+    std::vector<std::string> from;
+    for (const auto& [other, rules] : saved.chains) {
+      if (other == chain || rewritten(other)) continue;
+      for (const SavedRule& rule : rules) {
+        if (rule.target == name) {
+          from.push_back(quoteName(other));
+          break;
+        }
+      }
+    }
+    if (from.empty()) {
+      add("-X " + name, {});
+      continue;
+    }
+    std::string names;
+    for (const std::string& f : from) names += (names.empty() ? "" : ", ") + f;
+    input.notes.push_back("chain " + quoteName(name) +
+                          " is left empty, not deleted: a rule of someone else's in chain " +
+                          names + " jumps to it");
   }
   add("COMMIT", {});
   return input;

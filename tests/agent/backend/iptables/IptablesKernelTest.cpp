@@ -256,5 +256,47 @@ TEST_F(IptablesKernelTest, RemoveAppliedTakesAwayOnlyWhatTheAgentOwnsWhereTheTem
   EXPECT_EQ(restores(), written);
 }
 
+TEST_F(IptablesKernelTest, ForeignChainsNamedLikeOursAndJumpsToOursAreLeftAndTheDoorStillCloses) {
+  namespaceIs("red");
+  // Someone else's chain that shares the agent's prefix, jumped to from
+  // OUTPUT, where the agent's rules go too.
+  iptables("red", " -N ACLAGENT-LOG");
+  iptables("red", " -A ACLAGENT-LOG -p tcp --dport 23 -j ACCEPT");
+  iptables("red", " -A OUTPUT -j ACLAGENT-LOG");
+  const ChainRules rules{{"INPUT", {kMdns}}, {"OUTPUT", {kGateway}}};
+  backend().vrfRulesIs("red", rules);
+  settle();
+  EXPECT_TRUE(holds("red", rules));
+  EXPECT_EQ(errors_.str(), "");
+
+  // Someone jumps to the agent's chain from FORWARD: withdrawing the rules
+  // cannot delete the chain, but empties it and removes the agent's jump.
+  iptables("red", " -A FORWARD -j ACLAGENT-INPUT");
+  backend().vrfRulesIs("red", ChainRules{});
+  settle();
+  const std::string after = saved("red");
+  EXPECT_EQ(iptables("red", " -S ACLAGENT-INPUT"), "-N ACLAGENT-INPUT\n");
+  EXPECT_EQ(iptables("red", " -S INPUT").find("ACLAGENT"), std::string::npos) << after;
+  EXPECT_NE(after.find("-A FORWARD -j ACLAGENT-INPUT\n"), std::string::npos) << after;
+  EXPECT_NE(after.find("-A OUTPUT -j ACLAGENT-LOG\n"), std::string::npos) << after;
+  EXPECT_NE(after.find("-A ACLAGENT-LOG -p tcp -m tcp --dport 23 -j ACCEPT\n"), std::string::npos)
+      << after;
+  EXPECT_EQ(errors_.str(),
+            "acl-agent: apply vrf \"red\": chain \"ACLAGENT-INPUT\" is left empty, not deleted: a "
+            "rule of someone else's in chain \"FORWARD\" jumps to it\n");
+  EXPECT_EQ(status("red").state, State::kOk);
+  // Not written again, and not reported again.
+  const int written = restores();
+  backend().resync();
+  settle();
+  EXPECT_EQ(restores(), written);
+  EXPECT_EQ(saved("red"), after);
+
+  // --remove-applied leaves them too.
+  backend_.reset();
+  EXPECT_TRUE(removeApplied(options_, errors_));
+  EXPECT_EQ(saved("red"), after);
+}
+
 }  // namespace
 }  // namespace AclAgent

@@ -105,7 +105,7 @@ std::unique_ptr<KernelTable::Job> IptablesTable::write(int netnsFd, const Snapsh
       restoreInput(static_cast<const SavedSnapshot&>(from).saved(), to));
   std::string text = input->text;
   return start(
-      restore_, {"--noflush"}, netnsFd, std::move(text),
+      restore_, {"--noflush", "-w"}, netnsFd, std::move(text),
       [this, input, done = std::move(done)](ChildResult result) {
         WriteResult written;
         if (!result.ok()) {
@@ -136,7 +136,7 @@ std::optional<std::string> IptablesTable::removeAll(int netnsFd) {
   if (inPlace(saved, {})) return std::nullopt;
   const RestoreInput input = restoreInput(saved, {});
   const ChildResult written =
-      ChildProcess::run({restore_.name, {"--noflush"}, netnsFd, input.text}, childTimeout_);
+      ChildProcess::run({restore_.name, {"--noflush", "-w"}, netnsFd, input.text}, childTimeout_);
   if (!written.ok()) return whyFailed(restore_, written);
   // What stands of the agent's is empty, but not all of it could go.
   if (!input.notes.empty()) return input.notes.front();

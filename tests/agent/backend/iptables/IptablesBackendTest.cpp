@@ -8,12 +8,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace AclAgent {
 namespace {
@@ -60,6 +63,25 @@ class IptablesBackendTest : public ::testing::Test {
     return *backend_;
   }
   void settle() { ASSERT_TRUE(loop_->settle()); }
+  // Runs the loop until no child runs, or fails, saying what it saw, once
+  // `seconds` of real time have gone by: a child that is never killed must
+  // fail the test, not hang it.
+  void settleWithin(int seconds) {
+    const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    itimerspec due{};
+    due.it_value.tv_sec = seconds;
+    ASSERT_EQ(::timerfd_settime(timer, 0, &due, nullptr), 0);
+    bool late = false;
+    {
+      Pell::FdWatch deadline(*loop_, timer, [&] { late = true; });
+      loop_->runUntil([&] { return late || loop_->workInFlight() == 0; });
+    }
+    ::close(timer);
+    ASSERT_FALSE(late) << "a child still runs after " << seconds << " s; errors:\n"
+                       << errors_.str() << "runs:\n"
+                       << file("log");
+    settle();
+  }
   // How the fake's next runs of `what` ("save" or "restore") behave.
   void modeIs(const std::string& what, const std::string& mode) {
     std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
@@ -153,12 +175,26 @@ TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried)
   options_.childTimeout = 200 * kMs;
   modeIs("save", "hang");
   backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
+  settleWithin(20);
   EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
                                "/save did not finish within 0.2 s and was killed\n");
   const pid_t hung = std::stoi(file("save.pid"));
   EXPECT_EQ(::kill(hung, 0), -1);  // killed and reaped
   EXPECT_EQ(errno, ESRCH);
+  // What it started was killed with it: gone, or dead and not reaped yet
+  // by whoever took it over.
+  const std::string grandchild =
+      "/proc/" + file("save.child").substr(0, file("save.child").find('\n'));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::ifstream stat(grandchild + "/stat");
+    std::string pid, name, state;
+    if (!(stat >> pid >> name >> state) || state == "Z") break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::ifstream stat(grandchild + "/stat");
+  std::string pid, name, state;
+  EXPECT_TRUE(!(stat >> pid >> name >> state) || state == "Z") << grandchild << " is " << state;
   EXPECT_EQ(status("default").writes, 0u);
 
   modeIs("save", "ok");
@@ -377,6 +413,36 @@ TEST_F(IptablesBackendTest, AChangeOfRulesIsAWriteAndOnlyDriftIsARepair) {
   EXPECT_EQ(status("default").writes, 5u);
   EXPECT_EQ(status("default").repairs, 1u);
   EXPECT_EQ(status("default").state, State::kOk);
+}
+
+TEST_F(IptablesBackendTest, TheAgentsDescriptorsStayAsTheyWereAcrossWrites) {
+  auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  const auto before = descriptors();
+  for (int i = 0; i < 20; ++i) {
+    backend().vrfRulesIs("default", ChainRules{{"INPUT", {i % 2 ? kMdns : kGateway}}});
+    settle();
+  }
+  EXPECT_EQ(status("default").writes, 21u);
+  EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(IptablesBackendTest, AChildThatPrintsWithoutEndIsCutShort) {
+  modeIs("save", "flood-out");
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settleWithin(20);
+  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
+                               "/save printed more than 64 MiB and was killed\n");
+  modeIs("save", "ok");
+  modeIs("restore", "flood-err");
+  errors_.str("");
+  loop_->advance(100 * kMs);
+  settleWithin(20);
+  EXPECT_THAT(errors_.str(), HasSubstr("/restore did not finish within 2 s and was killed\n"));
 }
 
 }  // namespace

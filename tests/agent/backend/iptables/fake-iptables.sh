@@ -67,7 +67,7 @@ case $mode in
     exit 0
     ;;
   flood-out)
-    exec yes "-A INPUT -j ACCEPT"
+    exec yes -- "-A INPUT -j ACCEPT"
     ;;
   flood-err)
     exec yes "iptables-restore: line 1 failed" >&2

@@ -317,6 +317,8 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
         "v" + std::to_string(i),
         ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
   }
+  // The five share the fake's one table, so the read-back that checks one
+  // write may find another's: only the jobs started are judged here.
   // v1 is being read back: its write, after that, has these rules.
   backend().vrfRulesIs("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
   settle();

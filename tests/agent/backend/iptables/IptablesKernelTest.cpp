@@ -4,8 +4,10 @@
 // namespaces with their own /run: the test's own namespace is VRF default,
 // and the VRF namespaces are made with `ip netns add`, each holding rules of
 // someone else's that must survive everything byte for byte.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -296,6 +298,24 @@ TEST_F(IptablesKernelTest, ForeignChainsNamedLikeOursAndJumpsToOursAreLeftAndThe
   backend_.reset();
   EXPECT_TRUE(removeApplied(options_, errors_));
   EXPECT_EQ(saved("red"), after);
+}
+
+TEST_F(IptablesKernelTest, AWriteHeldUpByTheXtablesLockSaysSoWhenKilled) {
+  if (family_ != "legacy") GTEST_SKIP() << "only the legacy programs take the xtables lock";
+  // Held by someone else for as long as the write may run.
+  const int lock = ::open("/run/xtables.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  ASSERT_GE(lock, 0);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  options_.childTimeout = 5'000'000'000;
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  ::close(lock);
+  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
+                               "/restore did not finish within 5 s and was killed, waiting for a "
+                               "lock on /run/xtables.lock\n");
+  loop_->advance(100'000'000);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
 }
 
 }  // namespace

@@ -318,5 +318,22 @@ TEST_F(IptablesKernelTest, AWriteHeldUpByTheXtablesLockSaysSoWhenKilled) {
   EXPECT_EQ(status("default").state, State::kOk);
 }
 
+TEST_F(IptablesKernelTest, AWriteThatTheReadBackDoesNotSeeIsReportedAndNotMadeAtEachResync) {
+  // The save program of the other family never sees what the restore
+  // program writes.
+  options_.iptablesSave =
+      std::string("iptables-") + (family_ == "nft" ? "legacy" : "nft") + "-save";
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_THAT(errors_.str(), ::testing::HasSubstr("acl-agent: apply vrf \"default\": the write did "
+                                                  "not take effect: chain \"ACLAGENT-INPUT\" is "
+                                                  "missing\n"));
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(restores(), 1);
+  backend().resync();
+  settle();
+  EXPECT_EQ(restores(), 1);
+}
+
 }  // namespace
 }  // namespace AclAgent

@@ -5,6 +5,7 @@
 //   backend->vrfRulesIs("red", ChainRules{{"INPUT", {"-p udp ... -j ACCEPT"}}});
 //   backend->vrfRulesIs("red", std::nullopt);   // a finish that changed nothing
 //   backend->resync();                          // read every VRF back, repair drift
+//   backend->vrfResync("red");                  // read one back: its namespace appeared
 //   std::cout << appliedText(backend->statuses());
 //
 // Where: `BackendOptions::namespaces` says which namespace is a VRF's. What:
@@ -74,6 +75,10 @@ class Backend {
   // Reads every known VRF's namespace back and rewrites each whose owned
   // chains or jumps are not what they should be.
   virtual void resync() = 0;
+  // Reads the namespace of `vrf` alone back, as `resync` does for every VRF:
+  // for a namespace that appeared. Nothing when the VRF is not known yet
+  // (it is read back when first seen).
+  virtual void vrfResync(const std::string& vrf) = 0;
   // Every known VRF, in bytewise order of the name.
   virtual std::vector<VrfStatus> statuses() const = 0;
   // Whether no read-back or write is under way or waiting for its turn.

@@ -31,8 +31,10 @@ class KernelTable {
   class Snapshot {
    public:
     virtual ~Snapshot() = default;
-    // Whether exactly `rules` stand, as the owned chains and their jumps.
-    virtual bool holds(const ChainRules& rules) const = 0;
+    // How what stands differs from exactly `rules`, as the owned chains and
+    // their jumps, for a message; nothing when exactly they stand.
+    virtual std::optional<std::string> drift(const ChainRules& rules) const = 0;
+    bool holds(const ChainRules& rules) const { return !drift(rules); }
   };
 
   struct ReadResult {
@@ -53,6 +55,10 @@ class KernelTable {
       std::optional<std::string> rule;
     };
     std::optional<Refusal> refused;
+    // What a write that succeeded left undone on purpose (a chain of the
+    // agent's emptied but kept while someone else's rule jumps to it); each
+    // is reported the first time it is seen.
+    std::vector<std::string> warnings;
   };
 
   // A read or write under way.

@@ -53,6 +53,8 @@ struct VrfApplier::Vrf {
   std::optional<ChainRules> applied;
   std::string error;   // the last error, or what is left out
   bool again = false;  // asked for again while a job ran
+  // A write succeeded and the read-back that checks it has not ended yet.
+  bool verifying = false;
   std::uint64_t writes = 0;
   std::uint64_t repairs = 0;
 
@@ -160,6 +162,7 @@ VrfStatus::State VrfApplier::shownState(const Vrf& vrf) const {
       return vrf.error.empty() ? State::kOk : State::kWaiting;
     case Vrf::Step::kQueued:
     case Vrf::Step::kReading:
+      if (vrf.verifying) return State::kWriting;
       if (!vrf.applied || effective(vrf) != *vrf.applied) return State::kWriting;
       break;
     case Vrf::Step::kInPlace:
@@ -207,9 +210,18 @@ void VrfApplier::vrfRulesIs(const std::string& name, std::optional<ChainRules> r
 }
 
 void VrfApplier::resync() {
+  // One whose retry is due is read back then: a resync that wrote it sooner
+  // would undo the pacing of a write that keeps failing or has no effect.
   for (auto& [name, vrf] : vrfs_) {
-    if (vrf->step != Vrf::Step::kUnapplicable) sync(*vrf);
+    if (vrf->step != Vrf::Step::kUnapplicable && vrf->step != Vrf::Step::kRetryDue) sync(*vrf);
   }
+  pump();
+}
+
+void VrfApplier::vrfResync(const std::string& name) {
+  auto it = vrfs_.find(name);
+  if (it == vrfs_.end() || it->second->step == Vrf::Step::kUnapplicable) return;
+  sync(*it->second);
   pump();
 }
 
@@ -297,10 +309,19 @@ void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
   // The read-back is current, so the latest rules are what is compared and
   // written: a request made while it ran is answered by this job.
   vrf.again = false;
+  const bool verifying = std::exchange(vrf.verifying, false);
   ChainRules rules = effective(vrf);
-  if (read.snapshot->holds(rules)) {
+  const std::optional<std::string> drift = read.snapshot->drift(rules);
+  if (!drift) {
     vrf.applied = std::move(rules);
     succeeded(vrf);
+    return;
+  }
+  if (verifying && vrf.applied && *vrf.applied == rules) {
+    // Writing it again would change nothing (a restore of another family
+    // than the save, one that does nothing and says it succeeded) or pile
+    // up jumps: the retry's growing delay paces it instead.
+    failed(vrf, "the write did not take effect: " + *drift);
     return;
   }
   const bool repair = vrf.applied && *vrf.applied == rules;
@@ -316,8 +337,15 @@ void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
 
 void VrfApplier::handleWrite(Vrf& vrf, KernelTable::WriteResult written) {
   if (written.error.empty()) {
+    for (const std::string& warning : written.warnings) {
+      if (vrf.warned.insert(warning).second) report(vrf, warning);
+    }
+    // Checked by reading it back before it counts as in place; until then
+    // the retry delay stands, so a write that never takes effect is paced.
     vrf.applied = std::move(vrf.writing);
-    succeeded(vrf);
+    vrf.verifying = true;
+    vrf.step = Vrf::Step::kInPlace;
+    sync(vrf);
     return;
   }
   if (written.refused) {
@@ -355,6 +383,7 @@ void VrfApplier::succeeded(Vrf& vrf) {
 
 void VrfApplier::namespaceMissing(Vrf& vrf) {
   vrf.again = false;
+  vrf.verifying = false;
   // Nothing can stand in a namespace that does not exist, and nothing has
   // to when no rule must.
   vrf.applied = ChainRules();
@@ -367,6 +396,7 @@ void VrfApplier::failed(Vrf& vrf, const std::string& message) {
   report(vrf, message);
   vrf.error = message;
   vrf.applied.reset();
+  vrf.verifying = false;
   vrf.step = Vrf::Step::kRetryDue;
   vrf.retryDelay = vrf.retryDelay == 0 ? kFirstRetry : std::min(vrf.retryDelay * 2, kLastRetry);
   if (!vrf.retry) {

@@ -8,9 +8,11 @@
 // Each VRF is in one `Step` at a time:
 //
 //   kQueued --> kReading --+--> kInPlace           (what must stand stands)
-//      ^                   +--> kWriting --> kInPlace
-//      |                   +--> kNoNamespace       (waits for its namespace)
-//      +-- retry delay --- kRetryDue <-- a read or write failed
+//      ^  ^                +--> kWriting --> kQueued (read back to check it)
+//      |  |                +--> kNoNamespace       (waits for its namespace)
+//      |  +-- retry delay --- kRetryDue <-- a read or write failed, or the
+//      |                                    check found the write had no effect
+//      +-- a change, a resync (unless a retry is due), its namespace appearing
 //
 // and kUnapplicable for a name that can never be a namespace's. A VRF is
 // queued when it is first seen, when what must stand changes (unless only
@@ -19,8 +21,11 @@
 // by one more job afterwards, always with the latest rules. At most
 // `maxJobs` reads and writes run at once.
 //
-// A failure is reported and retried after a delay that grows from 100 ms to
-// 30 s, on background tasks of the loop. A rule or chain that the table
+// A write counts as in place only once read back: when the read-back right
+// after a write that succeeded still differs from the rules written, "the
+// write did not take effect" is reported as a failure. A failure is
+// reported and retried after a delay that grows from 100 ms to 30 s, on
+// background tasks of the loop. A rule or chain that the table
 // refuses, or a chain it cannot give an owned chain, is reported and left out
 // while the rest is written; it is forgotten once no longer wanted.
 //
@@ -53,6 +58,7 @@ class VrfApplier : public Backend {
 
   void vrfRulesIs(const std::string& vrf, std::optional<ChainRules> rules) override;
   void resync() override;
+  void vrfResync(const std::string& vrf) override;
   std::vector<VrfStatus> statuses() const override;
   bool idle() const override { return running_ == 0 && queue_.empty(); }
   void idleListenerIs(std::function<void()> listener) override {

@@ -98,8 +98,8 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
   rules_->callLogIs(false);
   LiveOptions options{.mdnsGlobs = std::move(mdnsGlobs),
                       .namespaceAppeared =
-                          [this](const std::string&) {
-                            if (backend_) backend_->resync();
+                          [this](const std::string& vrf) {
+                            if (backend_) backend_->vrfResync(vrf);
                           },
                       .namespaceGone = [this](const std::string& vrf) { vrfGone(vrf); },
                       .dumped = [this] { startTask_->armIn(0); }};

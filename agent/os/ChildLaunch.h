@@ -55,7 +55,8 @@ struct ChildExec {
 
 // Starts a child that runs `exec.file` with standard input, output and error
 // on `exec.in`, `exec.out` and `exec.err`, every signal handler reset and an
-// empty signal mask, and no other descriptor of this process; its pid, with
+// empty signal mask, in a process group of its own (its pid), and no other
+// descriptor of this process; its pid, with
 // a pidfd for it in `*pidFd` (close-on-exec; possibly 0, 1 or 2 where those
 // were closed), or -errno when none could be started. The calling thread
 // does not wait for the child to run.

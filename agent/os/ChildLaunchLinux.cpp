@@ -86,6 +86,7 @@ static_assert(ChildExec::kStackSize % 16 == 0 && alignof(ChildExec) >= 16,
 constexpr long kRtSigaction = 13;
 constexpr long kRtSigprocmask = 14;
 constexpr long kExecve = 59;
+constexpr long kSetpgid = 109;
 constexpr long kDup3 = 292;
 constexpr long kSetns = 308;
 constexpr long kCloseRange = 436;
@@ -93,6 +94,7 @@ constexpr long kCloseRange = 436;
 constexpr long kRtSigaction = 134;
 constexpr long kRtSigprocmask = 135;
 constexpr long kExecve = 221;
+constexpr long kSetpgid = 154;
 constexpr long kDup3 = 24;
 constexpr long kSetns = 268;
 constexpr long kCloseRange = 436;
@@ -101,6 +103,7 @@ constexpr long kCloseRange = 436;
 static_assert(kRtSigaction == __NR_rt_sigaction, "rt_sigaction: another ABI's number");
 static_assert(kRtSigprocmask == __NR_rt_sigprocmask, "rt_sigprocmask: another ABI's number");
 static_assert(kExecve == __NR_execve, "execve: another ABI's number");
+static_assert(kSetpgid == __NR_setpgid, "setpgid: another ABI's number");
 static_assert(kDup3 == __NR_dup3, "dup3: another ABI's number");
 static_assert(kSetns == __NR_setns, "setns: another ABI's number");
 static_assert(kCloseRange == __NR_close_range, "close_range: another ABI's number");
@@ -178,6 +181,9 @@ __attribute__((noinline)) int childMain(void* arg) {
       rawSyscall(kRtSigaction, sig, &action, 0, kSigsetSize);
     }
   }
+  // A group of its own, so that killing the group at its timeout kills what
+  // it started too.
+  rawSyscall(kSetpgid, 0, 0);
   if (exec.netnsFd >= 0) {
     const long entered = rawSyscall(kSetns, exec.netnsFd, CLONE_NEWNET);
     if (entered != 0) {

@@ -8,12 +8,17 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <time.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <optional>
 
@@ -21,6 +26,9 @@ extern char** environ;
 
 namespace AclAgent {
 namespace {
+
+// /proc/locks is read this far at most.
+constexpr std::size_t kLocksBytes = 1024 * 1024;
 
 std::string errorText(int error) {
   return std::strerror(error);
@@ -72,19 +80,104 @@ void closeFd(int& fd) {
   fd = -1;
 }
 
-// Reads what `fd` holds now into `into`; false at end of file or on an error.
-bool readAvailable(int fd, std::string& into) {
+// How much of a stream is kept.
+enum class Keep : std::uint8_t { kHead, kTail };
+
+// Reads what `fd` holds now into `into`, keeping at most `limit` bytes of it:
+// the first ones (then `*overflow` is set, and reading stops) or the last
+// ones, from a line's start. False at end of file, on an error, or at the
+// overflow.
+bool readAvailable(int fd, std::string& into, Keep keep, std::size_t limit, bool* overflow) {
   char buffer[16384];
   while (true) {
     const ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n > 0) {
       into.append(buffer, static_cast<std::size_t>(n));
+      if (keep == Keep::kHead && into.size() > limit) {
+        into.resize(limit);
+        *overflow = true;
+        return false;
+      }
+      // Cut seldom, so that keeping the tail costs little per byte.
+      if (keep == Keep::kTail && into.size() > 2 * limit) {
+        std::size_t cut = into.size() - limit;
+        const std::size_t line = into.find('\n', cut);
+        if (line != std::string::npos) cut = line + 1;
+        into.erase(0, cut);
+      }
     } else if (n < 0 && errno == EINTR) {
       continue;
     } else {
       return n < 0 && errno == EAGAIN;
     }
   }
+}
+
+bool readOut(int fd, ChildResult& result) {
+  return readAvailable(fd, result.out, Keep::kHead, ChildProcess::kMaxOut, &result.outTooLong);
+}
+
+bool readErr(int fd, ChildResult& result) {
+  bool ignored = false;
+  const bool more = readAvailable(fd, result.err, Keep::kTail, ChildProcess::kErrTail, &ignored);
+  if (result.err.size() > ChildProcess::kErrTail) {
+    std::size_t cut = result.err.size() - ChildProcess::kErrTail;
+    const std::size_t line = result.err.find('\n', cut);
+    if (line != std::string::npos) cut = line + 1;
+    result.err.erase(0, cut);
+  }
+  return more;
+}
+
+// A child and what it started are in its own process group.
+void killGroup(pid_t pid) {
+  ::kill(-pid, SIGKILL);
+  // Before the child has made its group (just started), the group does not
+  // exist yet.
+  ::kill(pid, SIGKILL);
+}
+
+// What `pid` waits for, when it is blocked on a file lock: "a lock on FILE"
+// (the file it holds open with that lock), from /proc/locks; empty when
+// nothing there says so.
+std::string waitedFor(pid_t pid) {
+  const int locks = ::open("/proc/locks", O_RDONLY | O_CLOEXEC);
+  if (locks < 0) return {};
+  std::string text;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(locks, buffer, sizeof buffer)) > 0 && text.size() < kLocksBytes;) {
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(locks);
+  // A blocked request reads "N: -> FLOCK  ADVISORY  WRITE PID MAJ:MIN:INODE START END".
+  const std::string pidWord = " " + std::to_string(pid) + " ";
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find('\n', at), text.size());
+    const std::string line = text.substr(at, end - at);
+    at = end + 1;
+    const std::size_t where = line.find(pidWord);
+    if (line.find(" -> ") == std::string::npos || where == std::string::npos) continue;
+    unsigned major = 0, minor = 0;
+    unsigned long long inode = 0;
+    if (std::sscanf(line.c_str() + where + pidWord.size(), "%x:%x:%llu", &major, &minor, &inode) !=
+        3) {
+      continue;
+    }
+    const std::string fds = "/proc/" + std::to_string(pid) + "/fd/";
+    for (int fd = 0; fd < 64; ++fd) {
+      const std::string link = fds + std::to_string(fd);
+      struct stat st {};
+      if (::stat(link.c_str(), &st) != 0 || st.st_ino != inode || ::major(st.st_dev) != major ||
+          ::minor(st.st_dev) != minor) {
+        continue;
+      }
+      char path[4096];
+      const ssize_t n = ::readlink(link.c_str(), path, sizeof path);
+      if (n > 0) return "a lock on " + std::string(path, static_cast<std::size_t>(n));
+    }
+    return "a file lock";
+  }
+  return {};
 }
 
 }  // namespace
@@ -138,6 +231,10 @@ pid_t spawn(const ChildCommand& command, int in, int out, int err,
     *error = "cannot start \"" + command.program + "\": " + errorText(-pid);
     return -1;
   }
+  // The child makes its group itself; made here too, it is there before
+  // anything could kill it. Refused once the child has execed, by then
+  // made.
+  ::setpgid(pid, pid);
   *pidFd = aboveStdio(*pidFd);
   *launch = std::move(made);
   return pid;
@@ -166,7 +263,7 @@ void recordWait(int waitStatus, ChildResult& result) {
 }
 
 void killAndReap(pid_t pid, int* waitStatus) {
-  ::kill(pid, SIGKILL);
+  killGroup(pid);
   while (::waitpid(pid, waitStatus, 0) < 0 && errno == EINTR) {
   }
 }
@@ -184,7 +281,12 @@ std::string ChildResult::whyFailed(const std::string& program, Pell::Nanoseconds
                                    const std::string& errors) const {
   if (!failure.empty()) return failure;
   if (timedOut) {
-    return program + " did not finish within " + secondsText(timeout) + " and was killed";
+    return program + " did not finish within " + secondsText(timeout) + " and was killed" +
+           (waitedFor.empty() ? "" : ", waiting for " + waitedFor);
+  }
+  if (outTooLong) {
+    return program + " printed more than " + std::to_string(ChildProcess::kMaxOut >> 20) +
+           " MiB and was killed";
   }
   if (!exited) return program + " was killed by signal " + std::to_string(signal);
   if (!errors.empty()) return program + " failed: " + errors;
@@ -244,10 +346,10 @@ std::unique_ptr<ChildProcess> ChildProcess::start(Zov::Ptr<Pell::TaskSchedulerRo
   ChildProcess* self = child.get();
   child->loop_ = loop;
   child->done_ = std::move(done);
-  self->out_.watch = Pell::FdWatch(*loop, self->out_.fd,
-                                   [self] { self->handleOutput(self->out_, self->result_.out); });
-  self->err_.watch = Pell::FdWatch(*loop, self->err_.fd,
-                                   [self] { self->handleOutput(self->err_, self->result_.err); });
+  self->out_.watch =
+      Pell::FdWatch(*loop, self->out_.fd, [self] { self->handleOutput(self->out_); });
+  self->err_.watch =
+      Pell::FdWatch(*loop, self->err_.fd, [self] { self->handleOutput(self->err_); });
   self->ended_.watch = Pell::FdWatch(*loop, self->ended_.fd, [self] { self->handleEnd(); });
   if (self->timer_.fd >= 0) {
     self->timer_.watch = Pell::FdWatch(*loop, self->timer_.fd, [self] { self->handleTimeout(); });
@@ -277,8 +379,11 @@ void ChildProcess::closeAll() {
   for (Watched* watched : {&out_, &err_, &ended_, &timer_}) watched->close();
 }
 
-void ChildProcess::handleOutput(Watched& from, std::string& into) {
-  if (!readAvailable(from.fd, into)) from.close();
+void ChildProcess::handleOutput(Watched& from) {
+  if (&from == &out_ ? readOut(from.fd, result_) : readErr(from.fd, result_)) return;
+  from.close();
+  // Past the bound what it prints is of no use: it ends now.
+  if (result_.outTooLong && pid_ > 0) killGroup(pid_);
 }
 
 void ChildProcess::handleTimeout() {
@@ -292,7 +397,8 @@ void ChildProcess::handleTimeout() {
     return;
   }
   result_.timedOut = true;
-  ::kill(pid_, SIGKILL);
+  result_.waitedFor = waitedFor(pid_);
+  killGroup(pid_);
 }
 
 void ChildProcess::handleEnd() {
@@ -303,8 +409,8 @@ void ChildProcess::handleEnd() {
   recordWait(waitStatus, result_);
   // What the child wrote is in the pipes by now; a descendant that kept them
   // open is not waited for.
-  if (out_.fd >= 0) readAvailable(out_.fd, result_.out);
-  if (err_.fd >= 0) readAvailable(err_.fd, result_.err);
+  if (out_.fd >= 0) readOut(out_.fd, result_);
+  if (err_.fd >= 0) readErr(err_.fd, result_);
   result_.failure = launchFailure(*launch_);
   launch_.reset();
   closeAll();
@@ -318,26 +424,51 @@ void ChildProcess::handleEnd() {
 ChildResult ChildProcess::run(const ChildCommand& command, Pell::Nanoseconds timeout) {
   ChildResult result;
   std::string& error = result.failure;
+  int out[2] = {-1, -1}, err[2] = {-1, -1};
   int in = inputFile(command.input, &error);
-  int out = in < 0 ? -1 : inputFile("", &error);
-  int err = out < 0 ? -1 : inputFile("", &error);
-  if (err < 0) {
-    for (int* fd : {&in, &out, &err}) closeFd(*fd);
+  if (in < 0 || !pipeOf(out, &error) || !pipeOf(err, &error)) {
+    for (int* fd : {&in, &out[0], &out[1], &err[0], &err[1]}) closeFd(*fd);
     return result;
   }
   std::unique_ptr<ChildLaunch> launch;
   int pidFd = -1;
-  const pid_t pid = spawn(command, in, out, err, &launch, &pidFd, &error);
-  closeFd(in);
+  const pid_t pid = spawn(command, in, out[1], err[1], &launch, &pidFd, &error);
+  for (int* fd : {&in, &out[1], &err[1]}) closeFd(*fd);
   if (pid > 0) {
-    pollfd ended{pidFd, POLLIN, 0};
-    const int waitMs = timeout > 0 ? static_cast<int>((timeout + 999'999) / 1'000'000) : -1;
-    int ready = 0;
-    while (ended.fd >= 0 && (ready = ::poll(&ended, 1, waitMs)) < 0 && errno == EINTR) {
-    }
-    if (ended.fd >= 0 && ready == 0) {
-      result.timedOut = true;
-      ::kill(pid, SIGKILL);
+    ::fcntl(out[0], F_SETFL, O_NONBLOCK);
+    ::fcntl(err[0], F_SETFL, O_NONBLOCK);
+    timespec start{};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    const Pell::Nanoseconds startNs = start.tv_sec * 1'000'000'000LL + start.tv_nsec;
+    // The output is read as it comes, so that a child never blocks on a full
+    // pipe and what is kept stays bounded.
+    pollfd watched[3] = {{pidFd, POLLIN, 0}, {out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    while (pidFd >= 0) {
+      int waitMs = -1;
+      if (timeout > 0) {
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        const Pell::Nanoseconds left =
+            startNs + timeout - (now.tv_sec * 1'000'000'000LL + now.tv_nsec);
+        waitMs = left > 0 ? static_cast<int>((left + 999'999) / 1'000'000) : 0;
+      }
+      const int ready = ::poll(watched, 3, waitMs);
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready == 0) {
+        result.timedOut = true;
+        result.waitedFor = waitedFor(pid);
+        killGroup(pid);
+        break;
+      }
+      if (watched[1].revents != 0 && !readOut(out[0], result)) {
+        watched[1].fd = -1;
+        if (result.outTooLong) {
+          killGroup(pid);
+          break;
+        }
+      }
+      if (watched[2].revents != 0 && !readErr(err[0], result)) watched[2].fd = -1;
+      if (watched[0].revents != 0) break;
     }
     closeFd(pidFd);
     int waitStatus = 0;
@@ -345,12 +476,10 @@ ChildResult ChildProcess::run(const ChildCommand& command, Pell::Nanoseconds tim
     }
     recordWait(waitStatus, result);
     result.failure = launchFailure(*launch);
-    for (auto [fd, into] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
-      ::lseek(fd, 0, SEEK_SET);
-      readAvailable(fd, *into);
-    }
+    if (watched[1].fd >= 0 && !result.outTooLong) readOut(out[0], result);
+    if (watched[2].fd >= 0) readErr(err[0], result);
   }
-  for (int* fd : {&out, &err}) closeFd(*fd);
+  for (int* fd : {&out[0], &err[0]}) closeFd(*fd);
   return result;
 }
 

@@ -10,9 +10,13 @@
 //
 // Standard input is a memory file holding `input`, so handing it over never
 // blocks; standard output and standard error come back through pipes watched
-// by the loop; the end is heard through a pidfd, and the timeout through a
-// timerfd (real time, on either clock), after which the child is killed with
-// SIGKILL. While the child runs it counts as work in flight on the loop, so
+// by the loop, bounded: all of standard output up to `kMaxOut` bytes (past
+// that the child is killed and `outTooLong` set), the last `kErrTail` bytes
+// of standard error. The end is heard through a pidfd, and the timeout
+// through a timerfd (real time, on either clock), after which the child's
+// process group (its own, so what it started goes too) is killed with
+// SIGKILL; what it was blocked on then, when that can be known (a file
+// lock), is in `waitedFor`. While the child runs it counts as work in flight on the loop, so
 // `settle` waits for it. `done` runs once, from a descriptor handler, after
 // the child has been reaped; it may destroy the `ChildProcess`.
 //
@@ -59,10 +63,14 @@ struct ChildResult {
   int status = 0;
   int signal = 0;
   bool timedOut = false;
+  // What it was blocked on when killed at its timeout ("a lock on FILE"), or
+  // empty when not known.
+  std::string waitedFor;
+  bool outTooLong = false;  // killed for printing more than `kMaxOut`
   std::string out;
-  std::string err;
+  std::string err;  // its last `kErrTail` bytes, from a line's start
 
-  bool ok() const { return failure.empty() && !timedOut && exited && status == 0; }
+  bool ok() const { return failure.empty() && !timedOut && !outTooLong && exited && status == 0; }
   // Why the run of `program` did not succeed, for a message: the failure, the
   // timeout, the signal, `errors` (what it wrote on standard error, as the
   // caller sums it up) or else its exit status.
@@ -75,6 +83,12 @@ struct ChildLaunch;
 class ChildProcess {
  public:
   using Done = std::function<void(ChildResult)>;
+
+  // All of standard output is kept, up to this: iptables-save of a table
+  // far larger than any the agent writes fits.
+  static constexpr std::size_t kMaxOut = 64 * 1024 * 1024;
+  // The end of standard error is kept, where the reasons are.
+  static constexpr std::size_t kErrTail = 16 * 1024;
 
   // Starts `command`, to be killed past `timeout` (none when not positive);
   // null, with `*error` set, when it cannot be started.
@@ -105,7 +119,7 @@ class ChildProcess {
     void close();
   };
 
-  void handleOutput(Watched& from, std::string& into);
+  void handleOutput(Watched& from);
   void handleEnd();
   void handleTimeout();
   void closeAll();

@@ -11,7 +11,9 @@ namespace {
 class SavedSnapshot : public KernelTable::Snapshot {
  public:
   explicit SavedSnapshot(SavedTable saved) : saved_(std::move(saved)) {}
-  bool holds(const ChainRules& rules) const override { return inPlace(saved_, rules); }
+  std::optional<std::string> drift(const ChainRules& rules) const override {
+    return AclAgent::drift(saved_, rules);
+  }
   const SavedTable& saved() const { return saved_; }
 
  private:
@@ -78,6 +80,10 @@ std::unique_ptr<KernelTable::Job> IptablesTable::read(int netnsFd,
         ReadResult read;
         if (!result.ok()) {
           read.error = whyFailed(save_, result);
+        } else if (auto unreadable = unreadableTable(result.out)) {
+          // Read as empty, it would have the agent add its jump at every
+          // resync.
+          read.error = save_.name + " cannot show the filter table: " + *unreadable;
         } else {
           read.snapshot = std::make_unique<SavedSnapshot>(parseSave(result.out));
           if (otherFamilyPresent(result.err)) {
@@ -99,7 +105,7 @@ std::unique_ptr<KernelTable::Job> IptablesTable::write(int netnsFd, const Snapsh
       restoreInput(static_cast<const SavedSnapshot&>(from).saved(), to));
   std::string text = input->text;
   return start(
-      restore_, {"--noflush"}, netnsFd, std::move(text),
+      restore_, {"--noflush", "-w"}, netnsFd, std::move(text),
       [this, input, done = std::move(done)](ChildResult result) {
         WriteResult written;
         if (!result.ok()) {
@@ -111,6 +117,8 @@ std::unique_ptr<KernelTable::Job> IptablesTable::write(int netnsFd, const Snapsh
               if (blame->kind == RestoreLine::Kind::kRule) written.refused->rule = blame->rule;
             }
           }
+        } else {
+          written.warnings = input->notes;
         }
         done(std::move(written));
       },
@@ -121,11 +129,17 @@ std::optional<std::string> IptablesTable::removeAll(int netnsFd) {
   const ChildResult read =
       ChildProcess::run({save_.name, {"-t", "filter"}, netnsFd, {}}, childTimeout_);
   if (!read.ok()) return whyFailed(save_, read);
+  if (auto unreadable = unreadableTable(read.out)) {
+    return save_.name + " cannot show the filter table: " + *unreadable;
+  }
   const SavedTable saved = parseSave(read.out);
   if (inPlace(saved, {})) return std::nullopt;
-  const ChildResult written = ChildProcess::run(
-      {restore_.name, {"--noflush"}, netnsFd, restoreInput(saved, {}).text}, childTimeout_);
+  const RestoreInput input = restoreInput(saved, {});
+  const ChildResult written =
+      ChildProcess::run({restore_.name, {"--noflush", "-w"}, netnsFd, input.text}, childTimeout_);
   if (!written.ok()) return whyFailed(restore_, written);
+  // What stands of the agent's is empty, but not all of it could go.
+  if (!input.notes.empty()) return input.notes.front();
   return std::nullopt;
 }
 

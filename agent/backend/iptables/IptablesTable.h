@@ -1,6 +1,8 @@
 // IptablesTable: the kernel table as the iptables programs see it. A read is
 // an `iptables-save -t filter` child process, a write one
-// `iptables-restore --noflush` input with one COMMIT, each run inside the
+// `iptables-restore --noflush -w` input with one COMMIT (waiting for the
+// xtables lock that the legacy programs take, until the child's timeout,
+// whose message then names the lock), each run inside the
 // VRF's namespace and heard through the event loop (IptablesText.h says what
 // is read and written). Works with both families of the programs.
 //

@@ -1,7 +1,10 @@
 #include "agent/backend/iptables/IptablesText.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+
+#include "agent/base/Text.h"
 
 namespace AclAgent {
 namespace {
@@ -157,29 +160,80 @@ bool otherFamilyPresent(std::string_view saveErrors) {
   return saveErrors.find("iptables-legacy tables present") != std::string_view::npos;
 }
 
+std::optional<std::string> unreadableTable(std::string_view output) {
+  for (std::string_view line : linesOf(output)) {
+    if (line.starts_with("# Table `filter'")) return std::string(line.substr(2));
+  }
+  return std::nullopt;
+}
+
 bool inPlace(const SavedTable& saved, const ChainRules& wanted) {
+  return !drift(saved, wanted);
+}
+
+std::optional<std::string> drift(const SavedTable& saved, const ChainRules& wanted) {
   for (const auto& [chain, rules] : wanted) {
     if (rules.empty()) continue;
     const std::string owned = ownedChain(chain);
     auto ownedRules = saved.chains.find(owned);
-    if (ownedRules == saved.chains.end() || ownedRules->second.size() != rules.size()) return false;
+    if (ownedRules == saved.chains.end()) return "chain " + quoteName(owned) + " is missing";
+    if (ownedRules->second.size() != rules.size()) {
+      return "chain " + quoteName(owned) + " holds " + std::to_string(ownedRules->second.size()) +
+             " rules, not " + std::to_string(rules.size());
+    }
     for (std::size_t i = 0; i < rules.size(); ++i) {
-      if (ownedRules->second[i].tag != ruleTag(rules[i])) return false;
+      if (ownedRules->second[i].tag != ruleTag(rules[i])) {
+        return "rule " + std::to_string(i + 1) + " of chain " + quoteName(owned) +
+               " is not the agent's rule " + quoteName(rules[i]);
+      }
     }
     auto kernelChain = saved.chains.find(chain);
-    if (kernelChain == saved.chains.end() || kernelChain->second.empty()) return false;
+    if (kernelChain == saved.chains.end() || kernelChain->second.empty() ||
+        !plainJump(kernelChain->second.front(), owned)) {
+      return "chain " + quoteName(chain) + " does not start with the jump to " + quoteName(owned);
+    }
     const std::vector<SavedRule>& inChain = kernelChain->second;
-    if (!plainJump(inChain.front(), owned)) return false;
     for (std::size_t i = 1; i < inChain.size(); ++i) {
-      if (inChain[i].target == owned) return false;
+      if (inChain[i].target == owned) {
+        return "chain " + quoteName(chain) + " jumps to " + quoteName(owned) + " more than once";
+      }
     }
   }
   for (const auto& [name, rules] : saved.chains) {
-    if (!name.starts_with(kOwnedPrefix)) continue;
+    if (!name.starts_with(kOwnedPrefix) || !agentsChain(saved, wanted, name)) continue;
     auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
-    if (stands == wanted.end() || stands->second.empty()) return false;
+    if (stands == wanted.end() || stands->second.empty()) {
+      return "chain " + quoteName(name) + " stands with no rule of the agent's to hold";
+    }
   }
-  return true;
+  return std::nullopt;
+}
+
+// The rule: the owned chain of a chain that has rules now is the agent's
+// (the name is the agent's to take); any other chain so named is the
+// agent's when it holds a rule with the agent's tag, or when it is empty
+// and its kernel chain holds the agent's plain jump to it (the agent's,
+// flushed by someone). The tag is a hash only the agent writes, so someone
+// else's chain never holds one; and one rule of ours is enough, rather than
+// every rule, so that a rule someone added into the agent's chain does not
+// keep the agent's ACCEPT standing once it must go. Everything else (a
+// chain of its own rules, an empty chain nothing of ours jumps to, the
+// agent's chain left empty where someone else's rule jumps to it) is not
+// touched.
+bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::string& name) {
+  if (!name.starts_with(kOwnedPrefix)) return false;
+  const std::string chain = name.substr(kOwnedPrefix.size());
+  if (auto it = wanted.find(chain); it != wanted.end() && !it->second.empty()) return true;
+  auto held = saved.chains.find(name);
+  if (held == saved.chains.end()) return false;
+  if (!held->second.empty()) {
+    return std::any_of(held->second.begin(), held->second.end(),
+                       [](const SavedRule& rule) { return !rule.tag.empty(); });
+  }
+  auto kernelChain = saved.chains.find(chain);
+  return kernelChain != saved.chains.end() &&
+         std::any_of(kernelChain->second.begin(), kernelChain->second.end(),
+                     [&](const SavedRule& rule) { return plainJump(rule, name); });
 }
 
 RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
@@ -227,17 +281,43 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
     for (const SavedRule* jump : jumps) add("-D " + chain + " " + jump->spec, {});
     add("-I " + chain + " 1 -j " + owned, {Kind::kChain, chain, {}});
   }
+  // The agent's chains that go; rules in them jump nowhere afterwards.
+  std::vector<std::string> going;
   for (const auto& [name, rules] : saved.chains) {
-    if (!name.starts_with(kOwnedPrefix)) continue;
+    if (!agentsChain(saved, wanted, name)) continue;
+    auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
+    if (stands == wanted.end() || stands->second.empty()) going.push_back(name);
+  }
+  auto rewritten = [&](const std::string& chain) {
+    return std::find(going.begin(), going.end(), chain) != going.end() ||
+           (chain.starts_with(kOwnedPrefix) && wanted.contains(chain.substr(kOwnedPrefix.size())));
+  };
+  for (const std::string& name : going) {
     const std::string chain = name.substr(kOwnedPrefix.size());
-    auto stands = wanted.find(chain);
-    if (stands != wanted.end() && !stands->second.empty()) continue;
     for (const SavedRule& rule : rulesOf(chain)) {
       if (rule.target == name) add("-D " + chain + " " + rule.spec, {});
     }
     // Declaring empties it, which -X needs; it is declared whatever holds it.
     add(":" + name + " - [0:0]", {});
-    add("-X " + name, {});
+    std::vector<std::string> from;
+    for (const auto& [other, rules] : saved.chains) {
+      if (other == chain || rewritten(other)) continue;
+      for (const SavedRule& rule : rules) {
+        if (rule.target == name) {
+          from.push_back(quoteName(other));
+          break;
+        }
+      }
+    }
+    if (from.empty()) {
+      add("-X " + name, {});
+      continue;
+    }
+    std::string names;
+    for (const std::string& f : from) names += (names.empty() ? "" : ", ") + f;
+    input.notes.push_back("chain " + quoteName(name) +
+                          " is left empty, not deleted: a rule of someone else's in chain " +
+                          names + " jumps to it");
   }
   add("COMMIT", {});
   return input;

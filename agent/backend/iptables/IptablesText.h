@@ -14,9 +14,10 @@
 // The rules of kernel chain C stand in the owned chain `ownedChain(C)`, each
 // tagged with a comment match holding `ruleTag(text)`; C holds one plain jump
 // to it, as its first rule. Read-back compares tags only, so it never depends
-// on how the kernel writes a rule back. Chains whose name starts with
-// `kOwnedPrefix` are the agent's: any such chain that should not stand is
-// removed with its jumps.
+// on how the kernel writes a rule back. A chain whose name starts with
+// `kOwnedPrefix` is the agent's only as `agentsChain` says; one of the
+// agent's that should not stand is removed with its jumps, or left empty
+// where someone else's rule jumps to it.
 //
 // Threading: none; pure functions.
 #pragma once
@@ -65,6 +66,11 @@ struct SavedTable {
 // The `*filter` table of iptables-save output; lines it does not know are
 // skipped.
 SavedTable parseSave(std::string_view output);
+// What iptables-save printed in place of the filter table when it cannot
+// show it (an nft table holding what the iptables programs cannot list,
+// "# Table `filter' is incompatible, use 'nft' tool."), with status 0;
+// nothing when it showed it.
+std::optional<std::string> unreadableTable(std::string_view output);
 // Whether iptables-save's standard error says that the other family's tables
 // (legacy beside nft) hold rules too.
 bool otherFamilyPresent(std::string_view saveErrors);
@@ -72,11 +78,19 @@ bool otherFamilyPresent(std::string_view saveErrors);
 // quotes grouping (with \" and \\ inside them).
 std::vector<std::string> splitWords(std::string_view spec);
 
+// Whether `name`, a chain of `saved` named like an owned chain, is one the
+// agent made; a chain named so that is not is someone else's and is never
+// touched. REQUIRES: no chain of `wanted` is named like an owned chain.
+bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::string& name);
+
 // Whether `saved` holds exactly `wanted`: for each chain with rules, its
 // owned chain holds just their tags, in order, and the chain's first rule is
 // the plain jump to it, with no other jump to it in the chain; and no other
-// owned chain stands.
+// chain of the agent's stands.
 bool inPlace(const SavedTable& saved, const ChainRules& wanted);
+// The first way in which `saved` does not hold `wanted` exactly, for a
+// message; nothing when it does (`inPlace`).
+std::optional<std::string> drift(const SavedTable& saved, const ChainRules& wanted);
 
 // One line of restore input and what it stands for.
 struct RestoreLine {
@@ -89,13 +103,18 @@ struct RestoreLine {
 struct RestoreInput {
   std::string text;
   std::vector<RestoreLine> lines;  // line N is lines[N - 1]
+  // What it leaves undone on purpose, for the operator: a chain of the
+  // agent's left empty because someone else's rule jumps to it.
+  std::vector<std::string> notes;
 };
 
 // One `--noflush` input with one COMMIT that turns `saved` into `wanted`:
 // each chain with rules gets its owned chain declared (which empties it) and
-// filled, and its jump put alone at the top; every other owned chain loses
-// its jumps and goes. Nothing else is named. Chains that `chainFault` refuses
-// must not be in `wanted`.
+// filled, and its jump put alone at the top; every other chain of the
+// agent's loses its jumps and goes, or is emptied and stays (with a note)
+// while a rule of someone else's jumps to it, since deleting it would fail
+// the whole input and leave its rules standing. Nothing else is named. Chains that `chainFault`
+// refuses must not be in `wanted`.
 RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted);
 
 // The input line that a restore program's standard error names ("Error

@@ -82,5 +82,30 @@ TEST(ChildProcessTest, AChildThatCannotRunItsProgramEndsSayingWhy) {
             "cannot run \"/dev/null\": Permission denied");
 }
 
+TEST(ChildProcessTest, WhatAChildPrintsIsKeptBounded) {
+  const auto loop = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  ChildResult flooded;
+  std::string error;
+  auto child = ChildProcess::start(
+      loop, {"yes", {}, -1, ""}, kTimeout, [&](ChildResult result) { flooded = std::move(result); },
+      &error);
+  ASSERT_TRUE(child) << error;
+  ASSERT_TRUE(loop->settle());
+  EXPECT_TRUE(flooded.outTooLong);
+  EXPECT_FALSE(flooded.timedOut);
+  EXPECT_EQ(flooded.out.size(), ChildProcess::kMaxOut);
+  EXPECT_EQ(flooded.whyFailed("yes", kTimeout, ""), "yes printed more than 64 MiB and was killed");
+  EXPECT_TRUE(ChildProcess::run({"yes", {}, -1, ""}, kTimeout).outTooLong);
+
+  // Of standard error, the end, from a line's start.
+  const ChildResult errors = ChildProcess::run({"sh", {"-c", "seq 1000000 >&2"}, -1, ""}, kTimeout);
+  ASSERT_TRUE(errors.ok()) << errors.failure;
+  EXPECT_LE(errors.err.size(), ChildProcess::kErrTail);
+  EXPECT_GT(errors.err.size(), ChildProcess::kErrTail / 2);
+  EXPECT_TRUE(errors.err.ends_with("\n999999\n1000000\n"));
+  const std::size_t first = std::stoul(errors.err);
+  EXPECT_TRUE(errors.err.starts_with(std::to_string(first) + "\n" + std::to_string(first + 1)));
+}
+
 }  // namespace
 }  // namespace AclAgent

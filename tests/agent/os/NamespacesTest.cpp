@@ -58,7 +58,7 @@ TEST(NamespacesTest, NamesNoVrfHasAreNoVrfs) {
   // given it (and is then refused when applied).
   const NamespaceMap plain;
   for (const std::string& name : {std::string("."), std::string(".."), std::string("a/b"),
-                                 std::string("a\0b", 3), std::string(256, 'n')}) {
+                                  std::string("a\0b", 3), std::string(256, 'n')}) {
     EXPECT_EQ(plain.vrfOf(name), std::nullopt);
     EXPECT_NE(NamespaceMap::nameFault(name), std::nullopt);
   }

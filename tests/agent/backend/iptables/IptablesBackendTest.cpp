@@ -8,12 +8,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace AclAgent {
 namespace {
@@ -60,6 +63,25 @@ class IptablesBackendTest : public ::testing::Test {
     return *backend_;
   }
   void settle() { ASSERT_TRUE(loop_->settle()); }
+  // Runs the loop until no child runs, or fails, saying what it saw, once
+  // `seconds` of real time have gone by: a child that is never killed must
+  // fail the test, not hang it.
+  void settleWithin(int seconds) {
+    const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    itimerspec due{};
+    due.it_value.tv_sec = seconds;
+    ASSERT_EQ(::timerfd_settime(timer, 0, &due, nullptr), 0);
+    bool late = false;
+    {
+      Pell::FdWatch deadline(*loop_, timer, [&] { late = true; });
+      loop_->runUntil([&] { return late || loop_->workInFlight() == 0; });
+    }
+    ::close(timer);
+    ASSERT_FALSE(late) << "a child still runs after " << seconds << " s; errors:\n"
+                       << errors_.str() << "runs:\n"
+                       << file("log");
+    settle();
+  }
   // How the fake's next runs of `what` ("save" or "restore") behave.
   void modeIs(const std::string& what, const std::string& mode) {
     std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
@@ -153,12 +175,26 @@ TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried)
   options_.childTimeout = 200 * kMs;
   modeIs("save", "hang");
   backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
+  settleWithin(20);
   EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
                                "/save did not finish within 0.2 s and was killed\n");
   const pid_t hung = std::stoi(file("save.pid"));
   EXPECT_EQ(::kill(hung, 0), -1);  // killed and reaped
   EXPECT_EQ(errno, ESRCH);
+  // What it started was killed with it: gone, or dead and not reaped yet
+  // by whoever took it over.
+  const std::string grandchild =
+      "/proc/" + file("save.child").substr(0, file("save.child").find('\n'));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::ifstream stat(grandchild + "/stat");
+    std::string pid, name, state;
+    if (!(stat >> pid >> name >> state) || state == "Z") break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::ifstream stat(grandchild + "/stat");
+  std::string pid, name, state;
+  EXPECT_TRUE(!(stat >> pid >> name >> state) || state == "Z") << grandchild << " is " << state;
   EXPECT_EQ(status("default").writes, 0u);
 
   modeIs("save", "ok");
@@ -182,7 +218,7 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   backend().idleListenerIs([&] { ++becameIdle; });
   loop_->advance(90'000 * kMs - 1);
   settle();
-  EXPECT_EQ(runs("save"), 1);
+  EXPECT_EQ(runs("save"), 2);  // the read-back, and the one that checks the write
   // While the resync reads a VRF back, it shows as it stood.
   modeIs("save", "slow 0.2");
   loop_->advance(1);
@@ -191,11 +227,11 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   settle();
   EXPECT_TRUE(backend().idle());
   EXPECT_EQ(becameIdle, 1);
-  EXPECT_EQ(runs("save"), 2);
+  EXPECT_EQ(runs("save"), 3);
   modeIs("save", "ok");
   loop_->advance(90'000 * kMs);
   settle();
-  EXPECT_EQ(runs("save"), 3);
+  EXPECT_EQ(runs("save"), 4);
   EXPECT_EQ(runs("restore"), 1);
 }
 
@@ -281,6 +317,8 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
         "v" + std::to_string(i),
         ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
   }
+  // The five share the fake's one table, so the read-back that checks one
+  // write may find another's: only the jobs started are judged here.
   // v1 is being read back: its write, after that, has these rules.
   backend().vrfRulesIs("v1", ChainRules{{"INPUT", {"-p tcp --dport 1001 -j ACCEPT"}}});
   settle();
@@ -297,6 +335,116 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
   EXPECT_THAT(written, HasSubstr("--dport 1001 "));
   EXPECT_THAT(written, Not(HasSubstr("--dport 1 ")));
   for (const auto& s : backend().statuses()) EXPECT_EQ(s.writes, 1u) << s.vrf;
+}
+
+TEST_F(IptablesBackendTest, ANamespaceThatAppearsIsTheOnlyOneReadBack) {
+  if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
+  for (const char* name : {"v1", "v2", "v3"}) {
+    ::symlink("/proc/self/ns/net", (dir_ + "/netns/" + name).c_str());
+    backend().vrfRulesIs(name, ChainRules{});
+  }
+  settle();
+  const int saves = runs("save");
+  backend().vrfResync("v2");
+  backend().vrfResync("unknown");  // not known yet: read back once it is
+  settle();
+  EXPECT_EQ(runs("save"), saves + 1);
+}
+
+TEST_F(IptablesBackendTest, AnUnreadableTableIsARetriedReadErrorAndAWriteWithoutEffectIsPaced) {
+  const std::string report = "acl-agent: apply vrf \"default\": ";
+  modeIs("save", "incompatible");
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_EQ(errors_.str(), report + dir_ +
+                               "/save cannot show the filter table: Table `filter' is "
+                               "incompatible, use 'nft' tool.\n");
+  EXPECT_EQ(runs("restore"), 0);
+  EXPECT_EQ(status("default").state, State::kWaiting);
+
+  // A restore that does nothing and exits 0: the read-back after it finds
+  // the same drift, which is reported, and the write is retried with the
+  // growing delay, not at each resync.
+  modeIs("save", "ok");
+  modeIs("restore", "noop");
+  errors_.str("");
+  loop_->advance(100 * kMs);
+  settle();
+  const std::string noEffect =
+      report + "the write did not take effect: chain \"ACLAGENT-INPUT\" is missing\n";
+  EXPECT_EQ(errors_.str(), noEffect);
+  EXPECT_EQ(runs("restore"), 1);
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(loop_->nextDue() - loop_->now(), 200 * kMs);
+  backend().resync();
+  settle();
+  EXPECT_EQ(runs("restore"), 1);
+  loop_->advance(200 * kMs);
+  settle();
+  EXPECT_EQ(runs("restore"), 2);
+  EXPECT_EQ(errors_.str(), noEffect + noEffect);
+  EXPECT_EQ(loop_->nextDue() - loop_->now(), 400 * kMs);
+
+  modeIs("restore", "ok");
+  loop_->advance(400 * kMs);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+  EXPECT_EQ(runs("restore"), 3);
+  EXPECT_EQ(errors_.str(), noEffect + noEffect);
+}
+
+TEST_F(IptablesBackendTest, AChangeOfRulesIsAWriteAndOnlyDriftIsARepair) {
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  backend().vrfRulesIs("default", ChainRules{});
+  settle();
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
+  settle();
+  EXPECT_EQ(status("default").writes, 4u);
+  EXPECT_EQ(status("default").repairs, 0u);
+  // The jump deleted behind the agent's back.
+  std::string table = file("table");
+  const std::string jump = "-A INPUT -j ACLAGENT-INPUT\n";
+  ASSERT_NE(table.find(jump), std::string::npos) << table;
+  table.erase(table.find(jump), jump.size());
+  std::ofstream(dir_ + "/table") << table;
+  backend().resync();
+  settle();
+  EXPECT_EQ(status("default").writes, 5u);
+  EXPECT_EQ(status("default").repairs, 1u);
+  EXPECT_EQ(status("default").state, State::kOk);
+}
+
+TEST_F(IptablesBackendTest, TheAgentsDescriptorsStayAsTheyWereAcrossWrites) {
+  auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  const auto before = descriptors();
+  for (int i = 0; i < 20; ++i) {
+    backend().vrfRulesIs("default", ChainRules{{"INPUT", {i % 2 ? kMdns : kGateway}}});
+    settle();
+  }
+  EXPECT_EQ(status("default").writes, 21u);
+  EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(IptablesBackendTest, AChildThatPrintsWithoutEndIsCutShort) {
+  modeIs("save", "flood-out");
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settleWithin(20);
+  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
+                               "/save printed more than 64 MiB and was killed\n");
+  modeIs("save", "ok");
+  modeIs("restore", "flood-err");
+  errors_.str("");
+  loop_->advance(100 * kMs);
+  settleWithin(20);
+  EXPECT_THAT(errors_.str(), HasSubstr("/restore did not finish within 2 s and was killed\n"));
 }
 
 }  // namespace

@@ -4,8 +4,10 @@
 // namespaces with their own /run: the test's own namespace is VRF default,
 // and the VRF namespaces are made with `ip netns add`, each holding rules of
 // someone else's that must survive everything byte for byte.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -254,6 +256,83 @@ TEST_F(IptablesKernelTest, RemoveAppliedTakesAwayOnlyWhatTheAgentOwnsWhereTheTem
   const int written = restores();
   EXPECT_TRUE(removeApplied(options_, errors_));
   EXPECT_EQ(restores(), written);
+}
+
+TEST_F(IptablesKernelTest, ForeignChainsNamedLikeOursAndJumpsToOursAreLeftAndTheDoorStillCloses) {
+  namespaceIs("red");
+  // Someone else's chain that shares the agent's prefix, jumped to from
+  // OUTPUT, where the agent's rules go too.
+  iptables("red", " -N ACLAGENT-LOG");
+  iptables("red", " -A ACLAGENT-LOG -p tcp --dport 23 -j ACCEPT");
+  iptables("red", " -A OUTPUT -j ACLAGENT-LOG");
+  const ChainRules rules{{"INPUT", {kMdns}}, {"OUTPUT", {kGateway}}};
+  backend().vrfRulesIs("red", rules);
+  settle();
+  EXPECT_TRUE(holds("red", rules));
+  EXPECT_EQ(errors_.str(), "");
+
+  // Someone jumps to the agent's chain from FORWARD: withdrawing the rules
+  // cannot delete the chain, but empties it and removes the agent's jump.
+  iptables("red", " -A FORWARD -j ACLAGENT-INPUT");
+  backend().vrfRulesIs("red", ChainRules{});
+  settle();
+  const std::string after = saved("red");
+  EXPECT_EQ(iptables("red", " -S ACLAGENT-INPUT"), "-N ACLAGENT-INPUT\n");
+  EXPECT_EQ(iptables("red", " -S INPUT").find("ACLAGENT"), std::string::npos) << after;
+  EXPECT_NE(after.find("-A FORWARD -j ACLAGENT-INPUT\n"), std::string::npos) << after;
+  EXPECT_NE(after.find("-A OUTPUT -j ACLAGENT-LOG\n"), std::string::npos) << after;
+  EXPECT_NE(after.find("-A ACLAGENT-LOG -p tcp -m tcp --dport 23 -j ACCEPT\n"), std::string::npos)
+      << after;
+  EXPECT_EQ(errors_.str(),
+            "acl-agent: apply vrf \"red\": chain \"ACLAGENT-INPUT\" is left empty, not deleted: a "
+            "rule of someone else's in chain \"FORWARD\" jumps to it\n");
+  EXPECT_EQ(status("red").state, State::kOk);
+  // Not written again, and not reported again.
+  const int written = restores();
+  backend().resync();
+  settle();
+  EXPECT_EQ(restores(), written);
+  EXPECT_EQ(saved("red"), after);
+
+  // --remove-applied leaves them too.
+  backend_.reset();
+  EXPECT_TRUE(removeApplied(options_, errors_));
+  EXPECT_EQ(saved("red"), after);
+}
+
+TEST_F(IptablesKernelTest, AWriteHeldUpByTheXtablesLockSaysSoWhenKilled) {
+  if (family_ != "legacy") GTEST_SKIP() << "only the legacy programs take the xtables lock";
+  // Held by someone else for as long as the write may run.
+  const int lock = ::open("/run/xtables.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  ASSERT_GE(lock, 0);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  options_.childTimeout = 5'000'000'000;
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  ::close(lock);
+  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
+                               "/restore did not finish within 5 s and was killed, waiting for a "
+                               "lock on /run/xtables.lock\n");
+  loop_->advance(100'000'000);
+  settle();
+  EXPECT_EQ(status("default").state, State::kOk);
+}
+
+TEST_F(IptablesKernelTest, AWriteThatTheReadBackDoesNotSeeIsReportedAndNotMadeAtEachResync) {
+  // The save program of the other family never sees what the restore
+  // program writes.
+  options_.iptablesSave =
+      std::string("iptables-") + (family_ == "nft" ? "legacy" : "nft") + "-save";
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_THAT(errors_.str(), ::testing::HasSubstr("acl-agent: apply vrf \"default\": the write did "
+                                                  "not take effect: chain \"ACLAGENT-INPUT\" is "
+                                                  "missing\n"));
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  EXPECT_EQ(restores(), 1);
+  backend().resync();
+  settle();
+  EXPECT_EQ(restores(), 1);
 }
 
 }  // namespace

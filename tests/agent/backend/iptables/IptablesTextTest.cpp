@@ -41,13 +41,31 @@ RestoreModel modelOf(const std::string& saveOutput, const std::string& more = ""
   return table;
 }
 
-// The rules of someone else's chain, without our jumps.
-std::vector<std::string> theirs(const std::vector<SavedRule>& rules) {
+// The rules of someone else's chain `chain`, without our jump.
+std::vector<std::string> theirs(const std::string& chain, const std::vector<SavedRule>& rules) {
   std::vector<std::string> specs;
   for (const SavedRule& rule : rules) {
-    if (!rule.target.starts_with(kOwnedPrefix)) specs.push_back(rule.spec);
+    if (rule.target != ownedChain(chain)) specs.push_back(rule.spec);
   }
   return specs;
+}
+
+// Whether `table` holds a rule outside `chain`'s own kernel chain that jumps
+// to `chain`.
+bool jumpedToFromElsewhere(const SavedTable& table, const std::string& chain) {
+  for (const auto& [name, rules] : table.chains) {
+    if (kOwnedPrefix.size() + name.size() == chain.size() && chain.ends_with(name)) continue;
+    for (const SavedRule& rule : rules) {
+      if (rule.target == chain) return true;
+    }
+  }
+  return false;
+}
+
+// Whether `rules` are someone else's: some rules, none with our tag.
+bool foreign(const std::vector<SavedRule>& rules) {
+  return !rules.empty() && std::none_of(rules.begin(), rules.end(),
+                                        [](const SavedRule& rule) { return !rule.tag.empty(); });
 }
 
 // Brings `table` to `wanted` as the backend does (read back, write when not in
@@ -55,8 +73,9 @@ std::vector<std::string> theirs(const std::vector<SavedRule>& rules) {
 void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
   const SavedTable before = parseSave(table.save());
   const bool writes = !inPlace(before, wanted);
+  RestoreInput input;
   if (writes) {
-    const RestoreInput input = restoreInput(before, wanted);
+    input = restoreInput(before, wanted);
     ASSERT_EQ(table.restore(input.text), std::nullopt) << "from:\n"
                                                        << table.save() << "input:\n"
                                                        << input.text;
@@ -84,15 +103,30 @@ void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
   };
   for (const auto& [chain, rules] : after.chains) {
     auto old = before.chains.find(chain);
-    if (chain.starts_with(kOwnedPrefix)) {
-      EXPECT_TRUE(stands(chain.substr(kOwnedPrefix.size()))) << "stale " << chain;
+    // An empty chain that stays is harmless whoever's it is; inPlace says
+    // whether one of ours had to go.
+    const bool theirsBefore =
+        old != before.chains.end() && (foreign(old->second) || old->second.empty());
+    if (chain.starts_with(kOwnedPrefix) && stands(chain.substr(kOwnedPrefix.size()))) continue;
+    if (chain.starts_with(kOwnedPrefix) && !theirsBefore) {
+      // Ours, left only where someone else's rule jumps to it, and empty.
+      EXPECT_TRUE(rules.empty() && jumpedToFromElsewhere(after, chain)) << "stale " << chain;
+      if (writes && old != before.chains.end() && !old->second.empty()) {
+        EXPECT_NE(input.notes.end(), std::find_if(input.notes.begin(), input.notes.end(),
+                                                  [&](const std::string& note) {
+                                                    return note.find(chain) != std::string::npos;
+                                                  }))
+            << "no note on " << chain;
+      }
     } else if (old == before.chains.end()) {
       EXPECT_TRUE(stands(chain)) << "made " << chain;
     } else {
-      EXPECT_EQ(theirs(rules), theirs(old->second)) << "changed " << chain;
+      EXPECT_EQ(theirs(chain, rules), theirs(chain, old->second)) << "changed " << chain;
     }
   }
   for (const auto& [chain, rules] : before.chains) {
+    EXPECT_TRUE(!chain.starts_with(kOwnedPrefix) || !foreign(rules) || after.chains.contains(chain))
+        << "someone else's " << chain << " deleted";
     EXPECT_TRUE(chain.starts_with(kOwnedPrefix) || after.chains.contains(chain)) << chain;
   }
   for (const auto& [chain, rules] : wanted) {
@@ -134,12 +168,20 @@ TEST(IptablesTextTest, RestoreInputTakesAnyTableToAnyWantedStateTouchingNothingE
        modelOf(base, ":ACLAGENT-INPUT - [0:0]\n-I INPUT 1 -j ACLAGENT-INPUT\n")},
       {"stale owned chains", modelOf(base,
                                      ":ACLAGENT-FORWARD - [0:0]\n:ACLAGENT-MINE - [0:0]\n"
-                                     "-A ACLAGENT-FORWARD -j ACCEPT\n"
-                                     "-A FORWARD -j ACLAGENT-FORWARD\n"
-                                     "-A FORWARD -p udp -j ACLAGENT-FORWARD\n"
-                                     "-A ACLAGENT-MINE -p udp -j ACCEPT\n")},
+                                     "-A ACLAGENT-FORWARD " +
+                                         kMdnsTagged +
+                                         "\n"
+                                         "-A FORWARD -j ACLAGENT-FORWARD\n"
+                                         "-A FORWARD -p udp -j ACLAGENT-FORWARD\n"
+                                         "-A ACLAGENT-MINE -p udp -j ACCEPT\n")},
       {"someone else's chain jumps to ours last",
        modelOf(base, ":ACLAGENT-SOMEONE-ELSE - [0:0]\n-A SOMEONE-ELSE -j ACLAGENT-SOMEONE-ELSE\n")},
+      {"someone else's chain jumps to ours",
+       modelOf(base, owned + "-I INPUT 1 -j ACLAGENT-INPUT\n-A FORWARD -j ACLAGENT-INPUT\n")},
+      {"someone else's chains named like ours",
+       modelOf(base,
+               ":ACLAGENT-LOG - [0:0]\n:ACLAGENT-EMPTY - [0:0]\n-A ACLAGENT-LOG -j LOG\n"
+               "-A ACLAGENT-LOG -p udp -j ACCEPT\n-A OUTPUT -j ACLAGENT-LOG\n")},
   };
   const std::vector<ChainRules> wanted = {
       {},
@@ -199,7 +241,8 @@ TEST(IptablesTextTest, TheModelDoesWhatRestoreDoesAndRefusesWhatItRefuses) {
                           "-D INPUT -j SOMEONE-ELSE\n-I INPUT 2 -j DROP\nCOMMIT\n"),
             std::nullopt);
   const SavedTable after = parseSave(table.save());
-  EXPECT_THAT(theirs(after.chains.at("INPUT")), ElementsAre("-j DROP", "-p icmp -j ACCEPT"));
+  EXPECT_THAT(theirs("INPUT", after.chains.at("INPUT")),
+              ElementsAre("-j DROP", "-p icmp -j ACCEPT"));
   EXPECT_EQ(after.chains.at("INPUT")[0].target, "ACLAGENT-INPUT");
   EXPECT_TRUE(after.chains.at("SOMEONE-ELSE").empty());
   EXPECT_NE(table.save().find(":INPUT ACCEPT "), std::string::npos);

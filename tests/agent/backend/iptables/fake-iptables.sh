@@ -11,8 +11,13 @@
 #                      to it (:CHAIN, -A, -I CHAIN 1, -D by spec, -X)
 #   save-mode,         how the next runs behave, one line: "ok" (the default),
 #   restore-mode       "fail MESSAGE" (MESSAGE on standard error, status 1),
-#                      "hang" (until killed; its pid in $what.pid), or
-#                      "slow SECONDS" (then ok)
+#                      "hang" (until killed, with a child of its own that
+#                      hangs too; its pid in $what.pid, the child's in
+#                      $what.child), "slow SECONDS" (then ok), "noop" (as
+#                      ok, but the table stays as it was), "incompatible"
+#                      (save: what iptables-nft-save prints for a table it
+#                      cannot show, status 0), "flood-out" or "flood-err"
+#                      (prints on standard output or error without end)
 #   log                a line per run: "save" or "restore"
 #   restore.N          the input of the Nth restore run
 #   running            "+" when a run starts and "-" when it ends
@@ -47,10 +52,25 @@ case $mode in
   hang)
     trap - EXIT
     echo $$ > "$dir/$what.pid"
-    exec sleep 1000
+    sleep 1000 &
+    echo $! > "$dir/$what.child"
+    wait
     ;;
   slow)
     sleep "$arg"
+    ;;
+  noop)
+    exit 0
+    ;;
+  incompatible)
+    echo "# Table \`filter' is incompatible, use 'nft' tool."
+    exit 0
+    ;;
+  flood-out)
+    exec yes -- "-A INPUT -j ACCEPT"
+    ;;
+  flood-err)
+    exec yes "iptables-restore: line 1 failed" >&2
     ;;
 esac
 

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "agent/host/Agent.h"
+#include "tests/agent/backend/iptables/FakeIptables.h"
 #include "tests/platform/PlatformTesting.h"
 
 namespace AclAgent {
@@ -24,35 +25,17 @@ constexpr Pell::Nanoseconds kDeadline = 30'000'000'000;
 
 class AgentLiveTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char folder[] = "/tmp/acl-agent-live-XXXXXX";
-    ASSERT_NE(::mkdtemp(folder), nullptr);
-    dir_ = folder;
-    for (const char* what : {"save", "restore"}) {
-      const std::string path = dir_ + "/" + what;
-      std::ofstream(path) << "#!/bin/sh\nexec bash '" << FAKE_IPTABLES_SCRIPT << "' " << what
-                          << " \"$@\"\n";
-      ::chmod(path.c_str(), 0755);
-    }
-    std::filesystem::create_directory(dir_ + "/netns");
-    ::setenv("FAKE_IPTABLES_DIR", dir_.c_str(), 1);
-    loop_->wallClockIs(true);
-  }
+  void SetUp() override { loop_->wallClockIs(true); }
   void TearDown() override {
     agent_.reset();
     loop_->wallClockIs(false);
     EXPECT_EQ(loop_->workInFlight(), 0u);
-    std::filesystem::remove_all(dir_);
   }
 
   // A live agent with the gateway on, so that VRF default must hold a rule
   // whatever the links.
   Agent& start() {
-    BackendOptions options;
-    options.iptablesSave = dir_ + "/save";
-    options.iptablesRestore = dir_ + "/restore";
-    options.namespaces = NamespaceMap("%s", dir_ + "/netns");
-    options.resyncPeriod = 0;
+    const BackendOptions options = fake_.options();
     agent_ = std::make_unique<Agent>(std::vector<std::string>{MCASTDNS_ACL_PLUGIN_PATH}, options,
                                      errors_);
     agent_->stateDatabase().gatewayEnabledIs(true);
@@ -70,12 +53,11 @@ class AgentLiveTest : public ::testing::Test {
     loop_->runUntil([&] { return late || done(); });
     return !late;
   }
-  void modeIs(const std::string& what, const std::string& mode) {
-    std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
-  }
+  void modeIs(const std::string& what, const std::string& mode) { fake_.modeIs(what, mode); }
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
-  std::string dir_;
+  FakeIptables fake_;
+  const std::string& dir_ = fake_.dir();
   std::ostringstream errors_;
   std::unique_ptr<Agent> agent_;
   int readies_ = 0;

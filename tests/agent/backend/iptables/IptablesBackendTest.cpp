@@ -3,6 +3,7 @@
 // the loop's virtual clock. What it does to the real kernel, rules that
 // iptables-restore refuses included, is tested in kernel/IptablesKernelTest.cpp.
 #include "agent/backend/Backend.h"
+#include "tests/agent/backend/iptables/FakeIptables.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -33,21 +34,7 @@ const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
 class IptablesBackendTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char folder[] = "/tmp/acl-iptables-XXXXXX";
-    ASSERT_NE(::mkdtemp(folder), nullptr);
-    dir_ = folder;
-    for (const char* what : {"save", "restore"}) {
-      const std::string path = dir_ + "/" + what;
-      std::ofstream(path) << "#!/bin/sh\nexec bash '" << FAKE_IPTABLES_SCRIPT << "' " << what
-                          << " \"$@\"\n";
-      ::chmod(path.c_str(), 0755);
-    }
-    std::filesystem::create_directory(dir_ + "/netns");
-    ::setenv("FAKE_IPTABLES_DIR", dir_.c_str(), 1);
-    options_.iptablesSave = dir_ + "/save";
-    options_.iptablesRestore = dir_ + "/restore";
-    options_.namespaces = NamespaceMap("%s", dir_ + "/netns");
-    options_.resyncPeriod = 0;
+    options_ = fake_.options();
     options_.childTimeout = 2'000 * kMs;
   }
   void TearDown() override {
@@ -55,7 +42,6 @@ class IptablesBackendTest : public ::testing::Test {
     EXPECT_EQ(loop_->workInFlight(), 0u);
     EXPECT_EQ(loop_->armedTasks(), 0u);
     EXPECT_EQ(loop_->fdWatches(), 0u);
-    std::filesystem::remove_all(dir_);
   }
 
   Backend& backend() {
@@ -83,21 +69,9 @@ class IptablesBackendTest : public ::testing::Test {
     settle();
   }
   // How the fake's next runs of `what` ("save" or "restore") behave.
-  void modeIs(const std::string& what, const std::string& mode) {
-    std::ofstream(dir_ + "/" + what + "-mode") << mode << "\n";
-  }
-  std::string file(const std::string& name) const {
-    std::ifstream in(dir_ + "/" + name);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  int runs(const std::string& what) const {
-    std::istringstream log(file("log"));
-    int n = 0;
-    for (std::string line; std::getline(log, line);) n += line == what;
-    return n;
-  }
+  void modeIs(const std::string& what, const std::string& mode) { fake_.modeIs(what, mode); }
+  std::string file(const std::string& name) const { return fake_.file(name); }
+  int runs(const std::string& what) const { return fake_.runs(what); }
   std::string restoreInput(int n) const { return file("restore." + std::to_string(n)); }
   VrfStatus status(const std::string& vrf) {
     for (const auto& s : backend().statuses()) {
@@ -108,7 +82,8 @@ class IptablesBackendTest : public ::testing::Test {
   }
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
-  std::string dir_;
+  FakeIptables fake_;
+  const std::string& dir_ = fake_.dir();
   BackendOptions options_;
   std::ostringstream errors_;
   std::unique_ptr<Backend> backend_;

@@ -113,8 +113,8 @@ void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
       EXPECT_TRUE(rules.empty() && jumpedToFromElsewhere(after, chain)) << "stale " << chain;
       if (writes && old != before.chains.end() && !old->second.empty()) {
         EXPECT_NE(input.notes.end(), std::find_if(input.notes.begin(), input.notes.end(),
-                                                  [&](const std::string& note) {
-                                                    return note.find(chain) != std::string::npos;
+                                                  [&, &name = chain](const std::string& note) {
+                                                    return note.find(name) != std::string::npos;
                                                   }))
             << "no note on " << chain;
       }

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -88,7 +89,12 @@ void LiveMode::namespaceIs(const std::string& name) {
     return;
   }
   // A namespace made again under the same name is a new one.
-  if (monitors_.count(*vrf)) namespaceDel(name);
+  if (monitors_.count(*vrf)) {
+    namespaceDel(name);
+  } else if (auto full = descriptorsFull()) {
+    refuse(name, *vrf, *full);
+    return;
+  }
   // The VRF is known before its links are reported.
   try {
     state_.vrfIs(*vrf);
@@ -113,6 +119,22 @@ void LiveMode::namespaceIs(const std::string& name) {
     }
     retry_.armIn(kRetryDelay);
   }
+}
+
+std::optional<std::string> LiveMode::descriptorsFull() const {
+  // Each namespace followed holds a socket; what is left must do for the
+  // agent's own descriptors and the backend's writes (a namespace, a memory
+  // file and two pipes for each child, a few children at once). Past that,
+  // one more namespace is refused rather than every write failing.
+  constexpr rlim_t kReserve = 64;
+  rlimit limit;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY ||
+      monitors_.size() + kReserve < limit.rlim_cur) {
+    return std::nullopt;
+  }
+  return "not followed: " + std::to_string(monitors_.size()) +
+         " namespaces are followed already, and the limit of " + std::to_string(limit.rlim_cur) +
+         " open descriptors leaves no room for more (raise the hard limit)";
 }
 
 void LiveMode::refuse(const std::string& name, const std::string& vrf, const std::string& why) {

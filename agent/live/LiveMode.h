@@ -70,6 +70,9 @@ class LiveMode {
   void namespaceDel(const std::string& name);
   // Reports namespace `name` (of VRF `vrf`) once and leaves it alone.
   void refuse(const std::string& name, const std::string& vrf, const std::string& why);
+  // Why one more namespace cannot be followed within the limit on open
+  // descriptors; nothing when it can.
+  std::optional<std::string> descriptorsFull() const;
   // Watches the folder, or its parent for the folder's creation while it
   // does not exist; whether the folder is watched.
   bool watchFolder();

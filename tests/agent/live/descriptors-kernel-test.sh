@@ -2,7 +2,9 @@
 # acl-agent --live --apply started with a soft limit on descriptors below what
 # its namespaces need (one route netlink socket each) and a hard limit with
 # room for them, as a service manager may start it: the agent takes the hard
-# limit, and every VRF, default included, gets its rule in the kernel.
+# limit, and every VRF, default included, gets its rule in the kernel. Then a
+# hard limit too low for them all: one namespace too many is refused, not
+# every write.
 #
 #   descriptors-kernel-test.sh ACL_AGENT
 #
@@ -59,6 +61,28 @@ iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q '^-A ACLAGENT-INPUT' ||
   fail "the agent's own namespace has no rule in the kernel"
 echo "descriptors open with $namespaces namespaces followed: $(ls "/proc/$agent_pid/fd" | wc -l)"
 
+signal_agent TERM
+[ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit on SIGTERM"
+
+# --- a hard limit too low for every namespace: the namespaces past what it
+# leaves room for are reported, each once, and not followed; every VRF that
+# is followed, default included, is in place, and no write lacks descriptors
+start_agent "--nofile=100:100" -- "$real_agent" --live --apply --gateway-setting 5353 \
+  --resync 3600
+first=
+read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
+  give_up "the agent at a hard limit of 100 did not say ready within ${deadline}s: [$first]"
+ask "show applied"
+known=$(grep -c '^applied ' "$work/answer")
+in_place=$(grep -c 'state=ok rules=1 ' "$work/answer")
+refused=$(grep -c ': not followed: ' "$work/agent.err")
+[ "$known" -gt 1 ] && [ "$in_place" = "$known" ] ||
+  fail "at a hard limit of 100, $in_place of $known VRFs known are in place"
+[ $((known - 1 + refused)) = "$namespaces" ] ||
+  fail "$((known - 1)) namespaces followed and $refused refused, of $namespaces"
+grep -q 'Too many open files\|cannot make a pipe\|cannot make a memory file' "$work/agent.err" &&
+  fail "the agent ran out of descriptors: $(grep -m 3 'Too many\|cannot make' "$work/agent.err")"
+echo "at a hard limit of 100: $((known - 1)) namespaces followed, $refused refused"
 signal_agent TERM
 [ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit on SIGTERM"
 finish

@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "FuzzSupport.h"
-#include "agent/scenario/Scenario.h"
 #include "agent/base/Text.h"
+#include "agent/scenario/Scenario.h"
 
 namespace {
 

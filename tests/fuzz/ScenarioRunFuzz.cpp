@@ -23,9 +23,9 @@
 #include <variant>
 
 #include "FuzzSupport.h"
-#include "agent/host/Agent.h"
 #include "agent/base/Overloaded.h"
 #include "agent/base/Text.h"
+#include "agent/host/Agent.h"
 #include "platform/Acl.h"
 #include "platform/Pell.h"
 

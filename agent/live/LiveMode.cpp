@@ -88,11 +88,13 @@ void LiveMode::namespaceIs(const std::string& name) {
     }
     return;
   }
-  // A namespace made again under the same name is a new one.
+  // A namespace made again under the same name is a new one, in the room
+  // the old one leaves.
   if (monitors_.count(*vrf)) {
-    namespaceDel(name);
+    forget(name);
   } else if (auto full = descriptorsFull()) {
     refuse(name, *vrf, *full);
+    crowdedOut_.insert(name);
     return;
   }
   // The VRF is known before its links are reported.
@@ -142,14 +144,30 @@ void LiveMode::refuse(const std::string& name, const std::string& vrf, const std
   errors_ << "acl-agent: vrf " << shownName(vrf) << ": " << why << "\n";
 }
 
-void LiveMode::namespaceDel(const std::string& name) {
+void LiveMode::takeUpCrowdedOut() {
+  if (crowdedOut_.empty() || descriptorsFull()) return;
+  const std::string name = *crowdedOut_.begin();
+  crowdedOut_.erase(crowdedOut_.begin());
   refused_.erase(name);
+  errors_ << "acl-agent: vrf " << shownName(*namespaces_.vrfOf(name))
+          << ": followed now: a namespace went and left room\n";
+  namespaceIs(name);
+}
+
+bool LiveMode::forget(const std::string& name) {
+  refused_.erase(name);
+  crowdedOut_.erase(name);
   const std::optional<std::string> vrf = namespaces_.vrfOf(name);
-  if (!vrf) return;
+  if (!vrf) return false;
   pending_.erase(*vrf);
   const bool followed = monitors_.erase(*vrf) > 0;
   state_.vrfDel(*vrf);
   if (followed && options_.namespaceGone) options_.namespaceGone(*vrf);
+  return followed;
+}
+
+void LiveMode::namespaceDel(const std::string& name) {
+  if (forget(name)) takeUpCrowdedOut();
 }
 
 void LiveMode::retryPending() {

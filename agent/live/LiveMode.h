@@ -17,7 +17,9 @@
 // only the differences are followed. A namespace that cannot be a VRF's (a
 // VRF name over 100 bytes, or the one the template makes of "default") is
 // reported once on the error stream, as `acl-agent: vrf "NAME": MESSAGE`,
-// and left alone until it goes.
+// and left alone until it goes. So is one that would leave too few open
+// descriptors for the backend's writes; it is followed once a namespace
+// followed goes and makes room.
 //
 // Threading: the event thread only.
 #pragma once
@@ -68,8 +70,14 @@ class LiveMode {
   void follow(const std::string& vrf, const std::string& netnsPath);
   void namespaceIs(const std::string& name);
   void namespaceDel(const std::string& name);
+  // Stops following namespace `name`, and forgets any report of it; whether
+  // it was followed.
+  bool forget(const std::string& name);
   // Reports namespace `name` (of VRF `vrf`) once and leaves it alone.
   void refuse(const std::string& name, const std::string& vrf, const std::string& why);
+  // Follows a namespace refused for want of descriptors, when there is one
+  // and room for it now.
+  void takeUpCrowdedOut();
   // Why one more namespace cannot be followed within the limit on open
   // descriptors; nothing when it can.
   std::optional<std::string> descriptorsFull() const;
@@ -93,6 +101,9 @@ class LiveMode {
   std::map<std::string, std::unique_ptr<LinkMonitor>> monitors_;  // by VRF
   std::map<std::string, int> pending_;  // VRF -> attempts, not yet mounted
   std::set<std::string> refused_;       // namespaces reported, until they go
+  // Of those, the namespaces refused only for want of descriptors: taken up,
+  // in bytewise order, as namespaces followed go.
+  std::set<std::string> crowdedOut_;
   Pell::BackgroundTimer retry_;
   int inotify_ = -1;
   int folderWatch_ = -1;      // inotify's watch on the folder, or -1

@@ -4,7 +4,7 @@
 # room for them, as a service manager may start it: the agent takes the hard
 # limit, and every VRF, default included, gets its rule in the kernel. Then a
 # hard limit too low for them all: one namespace too many is refused, not
-# every write.
+# every write, and is followed once a namespace followed goes.
 #
 #   descriptors-kernel-test.sh ACL_AGENT
 #
@@ -83,6 +83,25 @@ refused=$(grep -c ': not followed: ' "$work/agent.err")
 grep -q 'Too many open files\|cannot make a pipe\|cannot make a memory file' "$work/agent.err" &&
   fail "the agent ran out of descriptors: $(grep -m 3 'Too many\|cannot make' "$work/agent.err")"
 echo "at a hard limit of 100: $((known - 1)) namespaces followed, $refused refused"
+
+# Namespaces followed that go make room: as many refused ones are followed
+# now, and get their rule.
+gone=5
+followed=$(grep -o '^applied vrf="ns[0-9]*"' "$work/answer" | grep -o 'ns[0-9]*' | head -n $gone)
+for name in $followed; do ip netns del "$name"; done
+end=$((SECONDS + deadline))
+while [ "$(grep -c ': followed now: ' "$work/agent.err")" -lt $gone ]; do
+  [ "$SECONDS" -lt "$end" ] || give_up "no refused namespace was taken up within ${deadline}s"
+  sleep 0.1
+done
+taken=$(grep ': followed now: ' "$work/agent.err" | grep -o 'vrf "ns[0-9]*"' | grep -o 'ns[0-9]*')
+for name in $taken; do
+  end=$((SECONDS + deadline))
+  until ip netns exec "$name" iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q 'dport 5353'; do
+    [ "$SECONDS" -lt "$end" ] || { fail "namespace $name was taken up but has no rule"; break; }
+    sleep 0.1
+  done
+done
 signal_agent TERM
 [ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit on SIGTERM"
 finish

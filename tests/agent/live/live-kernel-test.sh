@@ -25,10 +25,18 @@ vrf_namespace() {
   ip netns exec "$name" iptables -P INPUT DROP
 }
 
+# The real iptables-save, noting which namespace each read-back is of.
+cat > "$work/iptables-save" << EOF
+#!/bin/sh
+echo "\$(ip netns identify)" >> "$work/saves"
+exec iptables-save "\$@"
+EOF
+chmod +x "$work/iptables-save"
+
 # The agent, and its first line; /run/netns does not exist yet, as at boot
 # before the first `ip netns add`.
 rmdir /run/netns
-start_agent --live --apply --mdns-intf 'v-*' --resync 3600
+start_agent --live --apply --mdns-intf 'v-*' --resync 3600 --iptables-save "$work/iptables-save"
 first=
 read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
   give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
@@ -54,6 +62,21 @@ red_rule='rule ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugi
 # --- the first namespace makes /run/netns, which is followed from then on
 vrf_namespace red 1
 await "show state" 'intf set "red/v-red" "red"'
+
+# --- a namespace that appears is read back alone, not every VRF with it
+: > "$work/saves"
+ip netns add lone
+ip -n lone link add v-la type veth peer name v-lb
+ip -n lone link set v-la up && ip -n lone link set v-lb up
+end=$((SECONDS + deadline))
+until grep -qx lone "$work/saves"; do
+  [ "$SECONDS" -lt "$end" ] || { fail "the new namespace was not read back"; break; }
+  sleep 0.05
+done
+await "show applied" 'vrf="lone" netns="lone" state=ok rules=1 '
+grep -vx lone "$work/saves" &&
+  fail "a new namespace made the agent read other namespaces back (listed above)"
+ip netns del lone
 
 # --- a FIFO where a namespace should be is reported, and holds nothing up
 mkfifo /run/netns/fifo

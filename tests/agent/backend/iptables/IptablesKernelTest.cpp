@@ -335,5 +335,21 @@ TEST_F(IptablesKernelTest, AWriteThatTheReadBackDoesNotSeeIsReportedAndNotMadeAt
   EXPECT_EQ(restores(), 1);
 }
 
+TEST_F(IptablesKernelTest, ATableTheSaveProgramCannotShowIsAReadErrorAndNothingIsWritten) {
+  if (family_ != "nft") GTEST_SKIP() << "only the nf_tables programs meet native rules";
+  if (std::system("command -v nft > /dev/null") != 0) GTEST_SKIP() << "nft is not installed";
+  // A native rule the iptables programs cannot list: iptables-save says so
+  // in place of the table, and exits 0.
+  iptables("", " -A INPUT -p icmp -j ACCEPT");
+  shell("nft add rule ip filter INPUT ct state established accept");
+  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  EXPECT_THAT(errors_.str(), ::testing::HasSubstr("cannot show the filter table: Table `filter' "
+                                                  "is incompatible"));
+  EXPECT_EQ(restores(), 0);
+  EXPECT_EQ(status("default").state, State::kWaiting);
+  shell("nft flush chain ip filter INPUT");
+}
+
 }  // namespace
 }  // namespace AclAgent

@@ -3,12 +3,16 @@
 //
 // `main` reads the command line (CommandLine.h), reads and checks every
 // scenario file before anything runs, then runs them (`Runner`); standard
-// input on a terminal or with -i runs line by line as it arrives.
+// input on a terminal or with -i runs line by line as it arrives. A live
+// agent also answers its control socket (ControlServer.h), reads its
+// configuration again at SIGHUP and tells the service manager how it is
+// (ServiceNotifier.h); `acl-agent ctl` is the control socket's client.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,11 +20,16 @@
 #include <cstring>
 #include <iostream>
 #include <optional>
+#include <sstream>
 
 #include "agent/cli/CommandLine.h"
 #include "agent/cli/LineInput.h"
 #include "agent/cli/Output.h"
+#include "agent/control/ControlClient.h"
+#include "agent/control/ControlServer.h"
 #include "agent/host/Agent.h"
+#include "agent/service/JournalStream.h"
+#include "agent/service/ServiceNotifier.h"
 
 namespace {
 
@@ -106,10 +115,16 @@ class Runner {
  public:
   explicit Runner(AclAgent::Agent& agent) : agent_(agent) {}
 
-  // Runs one command of `file`; false when the run must end.
+  // Runs one command of `file`; false when the run must end. The control
+  // socket's lines wait meanwhile.
   bool run(const std::string& file, const AclAgent::Command& command) {
-    return attempt(file, command.line, [&] { agent_.run(command, out_); });
+    if (control_) control_->holdIs(true);
+    const bool goOn = attempt(file, command.line, [&] { agent_.run(command, out_); });
+    if (control_) control_->holdIs(false);
+    return goOn;
   }
+
+  void controlIs(AclAgent::ControlServer* control) { control_ = control; }
 
   // Runs `work` for line `line` of `file`, reporting what it raises; false
   // when the run must end.
@@ -198,31 +213,41 @@ class Runner {
   }
 
   AclAgent::Agent& agent_;
+  AclAgent::ControlServer* control_ = nullptr;
   AclAgent::FdOutput output_{STDOUT_FILENO};
   std::ostream out_{&output_};
   int status_ = AclAgent::kExitOk;
   bool outputFailed_ = false;  // reported; nothing more is written
 };
 
-// Ends the wait of a live agent when SIGINT or SIGTERM arrives: the signals
-// are taken off their default action and read from a descriptor the loop
-// watches.
+// Ends the wait of a live agent when SIGINT or SIGTERM arrives, and calls
+// `reload` at each SIGHUP: the signals are taken off their default action
+// and read from a descriptor the loop watches.
 class StopSignals {
  public:
-  explicit StopSignals(Pell::TaskSchedulerRoot& loop) {
+  StopSignals(Pell::TaskSchedulerRoot& loop, std::function<void()> reload)
+      : reload_(std::move(reload)) {
     // A signal its starter had ignored (as a shell does for background jobs)
-    // would be dropped rather than read: take both back first.
+    // would be dropped rather than read: take them back first.
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
+    signal(SIGHUP, SIG_DFL);
     sigemptyset(&signals_);
     sigaddset(&signals_, SIGINT);
     sigaddset(&signals_, SIGTERM);
+    sigaddset(&signals_, SIGHUP);
     sigprocmask(SIG_BLOCK, &signals_, nullptr);
     fd_ = signalfd(-1, &signals_, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd_ < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
     watch_ = Pell::FdWatch(loop, fd_, [this] {
       signalfd_siginfo info;
-      while (read(fd_, &info, sizeof info) == sizeof info) stopped_ = true;
+      while (read(fd_, &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo == SIGHUP) {
+          reload_();
+        } else {
+          stopped_ = true;
+        }
+      }
     });
   }
   ~StopSignals() {
@@ -233,32 +258,145 @@ class StopSignals {
   const bool* stopped() const { return &stopped_; }
 
  private:
+  std::function<void()> reload_;
   sigset_t signals_;
   int fd_ = -1;
   Pell::FdWatch watch_;
   bool stopped_ = false;
 };
 
+// A line from the control socket, run as a line of standard input runs in
+// live mode: the same parse, the same command, the same refusals.
+AclAgent::ControlAnswer answerLine(AclAgent::Agent& agent, std::string_view line) {
+  AclAgent::ParsedLine parsed = AclAgent::parseLine(line, "ctl", 1);
+  if (parsed.error) return {true, "", parsed.error->message};
+  if (!parsed.command) return {};
+  std::ostringstream out;
+  try {
+    agent.run(*parsed.command, out);
+  } catch (const std::exception& e) {
+    return {true, out.str(), AclAgent::commandErrorText(e)};
+  }
+  return {false, out.str(), ""};
+}
+
+// The service manager's one line on the VRFs.
+std::string statusLine(const AclAgent::Agent& agent, bool apply) {
+  if (!apply) return "ready; nothing is applied (no --apply)";
+  const std::vector<AclAgent::VrfStatus> all = agent.applied();
+  const std::vector<AclAgent::VrfStatus> missing = AclAgent::notInPlace(all);
+  std::string line = std::to_string(all.size() - missing.size()) + " VRFs in place, " +
+                     std::to_string(missing.size()) + " not";
+  for (std::size_t i = 0; i < missing.size() && i < 3; ++i) {
+    line += (i == 0 ? ": " : ", ") + AclAgent::shownName(missing[i].vrf);
+  }
+  if (missing.size() > 3) line += ", ...";
+  return line;
+}
+
+// What a reload of the configuration cannot change; each named once.
+std::vector<std::string> needRestart(const AclAgent::CommandLine& running,
+                                     const AclAgent::CommandLine& next) {
+  std::vector<std::string> names;
+  const auto check = [&](bool same, const char* name) {
+    if (!same) names.push_back(name);
+  };
+  check(running.plugins == next.plugins, "plugin");
+  check(running.traces == next.traces, "trace");
+  check(running.apply == next.apply, "apply");
+  check(running.live == next.live && running.realtime == next.realtime &&
+            running.interactive == next.interactive,
+        "live, realtime or interactive");
+  check(running.removeApplied == next.removeApplied, "remove-applied");
+  check(running.backend.namespaces.netnsTemplate() == next.backend.namespaces.netnsTemplate(),
+        "netns");
+  check(running.backend.iptablesRestore == next.backend.iptablesRestore, "iptables-restore");
+  check(running.backend.iptablesSave == next.backend.iptablesSave, "iptables-save");
+  check(running.control == next.control, "control");
+  return names;
+}
+
+std::string monotonicMicroseconds() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::to_string(static_cast<long long>(now.tv_sec) * 1'000'000 + now.tv_nsec / 1000);
+}
+
 // `acl-agent --live`: the agent publishes the kernel's state, loads the
-// plugins and says when it is ready; then standard input runs as it arrives,
-// until a signal, or until standard output cannot be written: a daemon that
-// can no longer say what it was asked stops, as a scenario does.
+// plugins and says when it is ready; then standard input and the control
+// socket run as they arrive, until a signal, or until standard output
+// cannot be written: a daemon that can no longer say what it was asked
+// stops, as a scenario does.
 int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner& runner,
             const Zov::Ptr<Pell::TaskSchedulerRoot>& loop) {
-  StopSignals signals(*loop);
+  AclAgent::ServiceNotifier notifier(loop, std::cerr);
+  // What runs now; a reload changes what can change while running.
+  AclAgent::CommandLine running = options;
+  const auto reload = [&] {
+    notifier.send("RELOADING=1\nMONOTONIC_USEC=" + monotonicMicroseconds());
+    AclAgent::CommandLine next;
+    if (!running.configFile) {
+      std::cerr << AclAgent::kWarning
+                << "acl-agent: reload: there is no --config file to read again\n";
+    } else if (auto error = AclAgent::reloadConfiguration(running, next)) {
+      std::cerr << "acl-agent: reload refused, nothing changed: " << *error << "\n";
+    } else {
+      for (const std::string& name : needRestart(running, next)) {
+        std::cerr << "acl-agent: warning: reload: " << name
+                  << " needs a restart; it stays as it was\n";
+      }
+      const bool changed =
+          agent.liveConfigIs(next.gatewaySetting, next.mdnsGlobs, next.backend.resyncPeriod);
+      running.gatewaySetting = next.gatewaySetting;
+      running.mdnsGlobs = next.mdnsGlobs;
+      running.backend.resyncPeriod = next.backend.resyncPeriod;
+      std::cerr << AclAgent::kInfo << "acl-agent: reload: "
+                << (changed ? "configuration changed" : "nothing to change") << "\n";
+    }
+    notifier.send("READY=1");
+  };
+  StopSignals signals(*loop, reload);
+  std::unique_ptr<AclAgent::ControlServer> control;
+  try {
+    control = std::make_unique<AclAgent::ControlServer>(
+        loop,
+        AclAgent::ControlServerOptions{
+            .path = options.control.value_or(AclAgent::defaultControlPath())},
+        [&](std::string_view line) { return answerLine(agent, line); });
+  } catch (const std::runtime_error& e) {
+    std::cerr << "acl-agent: " << e.what() << "\n";
+    return AclAgent::kExitCommandFailed;
+  }
+  // Commands wait until the agent is ready, as standard input's do.
+  control->holdIs(true);
+  runner.controlIs(control.get());
   AclAgent::StateDatabase& db = agent.stateDatabase();
   db.gatewayEnabledIs(options.gatewaySetting.has_value());
   db.gatewaySettingIs(options.gatewaySetting.value_or(0));
+  notifier.statusIs("starting");
   agent.readyListenerIs([&] {
     runner.out() << "ready\n";
     runner.outputWritten();
+    notifier.send("READY=1");
+    notifier.statusIs(statusLine(agent, options.apply));
+    control->holdIs(false);
+  });
+  agent.appliedListenerIs([&] {
+    if (agent.ready()) notifier.statusIs(statusLine(agent, options.apply));
   });
   agent.liveIs(options.mdnsGlobs, options.backend.namespaces);
+  const auto stop = [&](int status) {
+    notifier.send("STOPPING=1");
+    runner.controlIs(nullptr);
+    agent.readyListenerIs(nullptr);
+    agent.appliedListenerIs(nullptr);
+    return status;
+  };
   // The plugins load on a task of the loop: what their loading raises comes
   // out here.
   const bool started = runner.attempt(
       "--live", 0, [&] { loop->runUntil([&] { return agent.ready() || *signals.stopped(); }); });
-  if (!started) return runner.status();
+  if (!started) return stop(runner.status());
   if (const int error = runner.runLines(*loop, isatty(STDIN_FILENO), signals.stopped())) {
     // Said once: the agent goes on without commands, as at their end.
     std::cerr << "acl-agent: commands are not read: "
@@ -267,16 +405,18 @@ int runLive(const AclAgent::CommandLine& options, AclAgent::Agent& agent, Runner
                       : std::string("cannot read standard input: ") + std::strerror(error))
               << "\n";
   }
-  if (runner.outputFailed()) return runner.status();
+  if (runner.outputFailed()) return stop(runner.status());
   // The end of standard input does not stop a live agent.
   loop->runUntil([&] { return *signals.stopped(); });
-  return AclAgent::kExitOk;
+  return stop(AclAgent::kExitOk);
 }
 
 // A --trace that named a handle no code made is most likely a typing error.
 void reportUnusedTraces(const AclAgent::CommandLine& options) {
   const std::vector<std::string> made = Zov::TraceHandle::namesMade();
-  for (const auto& [name, spec] : options.traces) {
+  for (const AclAgent::TraceOption& trace : options.traces) {
+    const std::string& name = trace.name;
+    const std::string& spec = trace.spec;
     if (std::find(made.begin(), made.end(), name) != made.end()) continue;
     std::string known;
     for (const std::string& m : made) known += (known.empty() ? "" : ", ") + m;
@@ -290,17 +430,23 @@ void reportUnusedTraces(const AclAgent::CommandLine& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  raiseDescriptorLimit();
   // Output to a pipe whose reader has gone fails its write, which is
   // reported, rather than ending the program unheard. Children get the
   // default action back as they start.
   signal(SIGPIPE, SIG_IGN);
   holdClosedStandardStreams();
+  // A scenario file named ctl is given as ./ctl.
+  if (argc >= 2 && std::string_view(argv[1]) == "ctl") {
+    return AclAgent::runControlClient(argc - 2, argv + 2);
+  }
+  raiseDescriptorLimit();
+  AclAgent::JournalStream journal(AclAgent::standardErrorIsJournal());
   AclAgent::CommandLine options;
   if (std::optional<int> status =
           AclAgent::parseCommandLine(argc, argv, defaultPlugin(), ACL_AGENT_VERSION, options)) {
     return *status;
   }
+  AclAgent::enableTraces(options);
   if (options.removeApplied) {
     return AclAgent::removeApplied(options.backend, std::cerr) ? AclAgent::kExitOk
                                                                : AclAgent::kExitCommandFailed;

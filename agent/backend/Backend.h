@@ -79,6 +79,9 @@ class Backend {
   // for a namespace that appeared. Nothing when the VRF is not known yet
   // (it is read back when first seen).
   virtual void vrfResync(const std::string& vrf) = 0;
+  // From now on every VRF is read back every `period` (0: never), the first
+  // time `period` from now.
+  virtual void resyncPeriodIs(Pell::Nanoseconds period) = 0;
   // Every known VRF, in bytewise order of the name.
   virtual std::vector<VrfStatus> statuses() const = 0;
   // Whether no read-back or write is under way or waiting for its turn.

@@ -78,12 +78,19 @@ VrfApplier::VrfApplier(Zov::Ptr<Pell::TaskSchedulerRoot> loop, std::unique_ptr<K
       options_(std::move(options)),
       errors_(errors) {
   if (options_.maxJobs == 0) options_.maxJobs = std::min(cpuCount(), 4u);
-  if (options_.resyncPeriod > 0) {
-    resyncTimer_ = std::make_unique<Pell::BackgroundTimer>(loop_, "resyncTask", [this] {
-      resync();
-      resyncTimer_->armIn(options_.resyncPeriod);
-    });
+  resyncTimer_ = std::make_unique<Pell::BackgroundTimer>(loop_, "resyncTask", [this] {
+    resync();
     resyncTimer_->armIn(options_.resyncPeriod);
+  });
+  resyncPeriodIs(options_.resyncPeriod);
+}
+
+void VrfApplier::resyncPeriodIs(Pell::Nanoseconds period) {
+  options_.resyncPeriod = period;
+  if (period > 0) {
+    resyncTimer_->armIn(period);
+  } else {
+    resyncTimer_->stop();
   }
 }
 

@@ -59,6 +59,7 @@ class VrfApplier : public Backend {
   void vrfRulesIs(const std::string& vrf, std::optional<ChainRules> rules) override;
   void resync() override;
   void vrfResync(const std::string& vrf) override;
+  void resyncPeriodIs(Pell::Nanoseconds period) override;
   std::vector<VrfStatus> statuses() const override;
   bool idle() const override { return running_ == 0 && queue_.empty(); }
   void idleListenerIs(std::function<void()> listener) override {

@@ -28,7 +28,11 @@ Agent::Agent(std::vector<std::string> pluginPaths, std::optional<BackendOptions>
       rules_(new RuleService(db_.entityManager())) {
   if (apply) {
     backend_ = makeBackend(scheduler_, *apply, errors_);
-    backend_->idleListenerIs([this] { checkReady(); });
+    resyncPeriod_ = apply->resyncPeriod;
+    backend_->idleListenerIs([this] {
+      checkReady();
+      if (appliedListener_) appliedListener_();
+    });
   }
   rules_->finishListenerIs(
       [this](const L3::VrfName& vrf, bool changed) { handleFinish(vrf, changed); });
@@ -47,6 +51,10 @@ Agent::~Agent() {
 
 std::vector<VrfStatus> Agent::notApplied() const {
   return backend_ ? notInPlace(backend_->statuses()) : std::vector<VrfStatus>();
+}
+
+std::vector<VrfStatus> Agent::applied() const {
+  return backend_ ? backend_->statuses() : std::vector<VrfStatus>();
 }
 
 void Agent::handleFinish(const L3::VrfName& vrf, bool changed) {
@@ -95,6 +103,7 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
     }
   });
   start_ = Start::kReading;
+  mdnsGlobs_ = mdnsGlobs;
   rules_->callLogIs(false);
   LiveOptions options{.mdnsGlobs = std::move(mdnsGlobs),
                       .namespaceAppeared =
@@ -105,6 +114,30 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
                       .dumped = [this] { startTask_->armIn(0); }};
   live_ = std::make_unique<LiveMode>(scheduler_, db_, std::move(options), std::move(namespaces),
                                      errors_);
+}
+
+bool Agent::liveConfigIs(std::optional<std::uint16_t> gatewaySetting,
+                         std::vector<std::string> mdnsGlobs, Pell::Nanoseconds resyncPeriod) {
+  if (!live_) throw std::logic_error("live mode is off");
+  bool changed = false;
+  const Zov::Ptr<McastDns::Config> config = db_.config();
+  if (!config || config->gatewayEnabled() != gatewaySetting.has_value() ||
+      config->gatewaySetting() != gatewaySetting.value_or(0)) {
+    db_.gatewayEnabledIs(gatewaySetting.has_value());
+    db_.gatewaySettingIs(gatewaySetting.value_or(0));
+    changed = true;
+  }
+  if (mdnsGlobs != mdnsGlobs_) {
+    mdnsGlobs_ = mdnsGlobs;
+    live_->mdnsGlobsIs(std::move(mdnsGlobs));
+    changed = true;
+  }
+  if (backend_ && resyncPeriod != resyncPeriod_) {
+    resyncPeriod_ = resyncPeriod;
+    backend_->resyncPeriodIs(resyncPeriod);
+    changed = true;
+  }
+  return changed;
 }
 
 void Agent::vrfGone(const std::string& vrf) {

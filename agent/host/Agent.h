@@ -64,6 +64,8 @@ class Agent {
   void drain() { scheduler_->drain(); }
   // With --apply, the VRFs whose rules must stand and are not in place.
   std::vector<VrfStatus> notApplied() const;
+  // With --apply, every VRF the backend knows, as `show applied` shows them.
+  std::vector<VrfStatus> applied() const;
 
   // Live mode: the kernel's links, interfaces and VRFs (in `namespaces`) are
   // published from now on, and commands that publish them are refused. Once
@@ -84,6 +86,17 @@ class Agent {
   // they are, as the backend's retries and read-backs put them.
   void readyListenerIs(std::function<void()> listener) { readyListener_ = std::move(listener); }
   bool ready() const { return start_ == Start::kReady; }
+
+  // What can change while a live agent runs: the configuration's gateway
+  // (enabled with a setting, or off), the globs of the links that may want
+  // the rule, and the backend's resync period. Everything is written in one
+  // turn of the loop, so that the plugins refresh once for it all; a value
+  // that does not change notifies nobody. Returns whether anything changed.
+  // REQUIRES: live mode is on.
+  bool liveConfigIs(std::optional<std::uint16_t> gatewaySetting, std::vector<std::string> mdnsGlobs,
+                    Pell::Nanoseconds resyncPeriod);
+  // Called each time the backend has nothing left to do; one listener.
+  void appliedListenerIs(std::function<void()> listener) { appliedListener_ = std::move(listener); }
 
   StateDatabase& stateDatabase() { return db_; }
   RuleService& ruleService() { return *rules_; }
@@ -116,6 +129,9 @@ class Agent {
   enum class Start : std::uint8_t { kIdle, kReading, kRefreshing, kApplying, kNotInPlace, kReady };
   Start start_ = Start::kIdle;
   std::function<void()> readyListener_;
+  std::function<void()> appliedListener_;
+  std::vector<std::string> mdnsGlobs_;
+  Pell::Nanoseconds resyncPeriod_ = 0;
   std::unique_ptr<Pell::BackgroundTimer> startTask_;
 };
 

@@ -32,6 +32,13 @@ std::uint8_t KernelState::linkState(const KernelLink& link) const {
   return 0;
 }
 
+void KernelState::mdnsGlobsIs(std::vector<std::string> mdnsGlobs) {
+  globs_ = std::move(mdnsGlobs);
+  for (const auto& [vrf, ns] : namespaces_) {
+    for (const auto& [index, link] : ns.links) publish(vrf, link);
+  }
+}
+
 void KernelState::vrfIs(const std::string& vrf) {
   if (namespaces_.count(vrf)) return;
   // A name the database refuses (over a VRF name's length) leaves nothing.

@@ -52,6 +52,9 @@ class KernelState {
   static std::string intfId(const std::string& vrf, const std::string& name);
   // The state a link's status holds.
   std::uint8_t linkState(const KernelLink& link) const;
+  // New globs: every link's state is published again as they say; only the
+  // links whose state changes notify anyone.
+  void mdnsGlobsIs(std::vector<std::string> mdnsGlobs);
 
   // VRF `vrf`'s namespace appeared; "default" is there from the start.
   // Raises what the state database raises for a name it refuses (a

@@ -60,6 +60,8 @@ class LiveMode {
   LiveMode& operator=(const LiveMode&) = delete;
 
   const KernelState& state() const { return state_; }
+  // The globs of the links that may want the rule change (see KernelState).
+  void mdnsGlobsIs(std::vector<std::string> mdnsGlobs) { state_.mdnsGlobsIs(std::move(mdnsGlobs)); }
   // Dumps over all namespaces; more than one per namespace means
   // notifications were lost and it was read again.
   unsigned dumps() const;

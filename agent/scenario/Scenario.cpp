@@ -527,6 +527,24 @@ ParsedLine parseLine(std::string_view line, const std::string& file, unsigned li
   return parsed;
 }
 
+std::optional<std::string> splitWords(std::string_view line, std::vector<std::string>& words) {
+  try {
+    for (std::size_t pos = skipSpace(line, 0); pos < line.size(); pos = skipSpace(line, pos)) {
+      if (line[pos] == '#') break;
+      Token token = readToken(line, pos);
+      if (token.index) {
+        throw SyntaxError{"unexpected " + shownName("#" + *token.index) +
+                          " after the closing quote of " + shownName(token.text)};
+      }
+      words.push_back(std::move(token.text));
+      pos = token.end;
+    }
+  } catch (const SyntaxError& e) {
+    return e.message;
+  }
+  return std::nullopt;
+}
+
 std::string_view withoutByteOrderMark(std::string_view text) {
   constexpr std::string_view kMark = "\xef\xbb\xbf";
   if (text.substr(0, kMark.size()) == kMark) text.remove_prefix(kMark.size());

@@ -214,6 +214,12 @@ bool parseEachLine(std::string_view text, const std::string& file,
 // Parses a whole scenario into its commands, or every error and no command.
 ParsedScenario parseScenario(std::string_view text, const std::string& file);
 
+// The words of `line` as the lexical rules above read them: bare tokens and
+// quoted strings (decoded), up to a comment. Returns what is wrong with the
+// line, if anything; a quoted word followed by `#` is wrong here, as no
+// link is read. For lines of options, such as a configuration file's.
+std::optional<std::string> splitWords(std::string_view line, std::vector<std::string>& words);
+
 // `text` without a UTF-8 byte-order mark at its start.
 std::string_view withoutByteOrderMark(std::string_view text);
 

@@ -301,6 +301,14 @@ int main(int argc, char** argv) {
           AclAgent::parseCommandLine(argc, argv, defaultPlugin(), ACL_AGENT_VERSION, options)) {
     return *status;
   }
+  if (options.apply && !options.removeApplied) {
+    // Chosen once, and said, before anything is written.
+    std::string why;
+    options.backend.kind = AclAgent::chosenKind(options.backend, &why);
+    std::cerr << "acl-agent: backend "
+              << (options.backend.kind == AclAgent::BackendOptions::Kind::kNft ? "nft" : "iptables")
+              << ": " << why << std::endl;
+  }
   if (options.removeApplied) {
     return AclAgent::removeApplied(options.backend, std::cerr) ? AclAgent::kExitOk
                                                                : AclAgent::kExitCommandFailed;

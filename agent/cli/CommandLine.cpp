@@ -35,8 +35,14 @@ const char kUsage[] =
     "                       from a pipe; a line that fails is reported and the\n"
     "                       session goes on\n"
     "  --realtime           run the event loop on the wall clock\n"
-    "  --apply              put the rules in place in the kernel with\n"
-    "                       iptables-restore, one network namespace per VRF\n"
+    "  --apply              put the rules in place in the kernel, one network\n"
+    "                       namespace per VRF\n"
+    "  --backend nft|iptables|auto\n"
+    "                       how --apply writes: nf_tables from the agent's own\n"
+    "                       process, or iptables-restore; auto (the default):\n"
+    "                       nft where the kernel has nf_tables and iptables is\n"
+    "                       its nf_tables variant, unless the iptables\n"
+    "                       programs are named\n"
     "  --netns TEMPLATE     the namespace of a VRF other than default, %s\n"
     "                       standing for its name and %% for a %\n"
     "                       (default: %s)\n"
@@ -142,6 +148,7 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
     kLive,
     kMdnsIntf,
     kGatewaySetting,
+    kBackend,
   };
   static const option kOptions[] = {
       {"plugin", required_argument, nullptr, kPlugin},
@@ -149,6 +156,7 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
       {"realtime", no_argument, nullptr, kRealtime},
       {"interactive", no_argument, nullptr, 'i'},
       {"apply", no_argument, nullptr, kApply},
+      {"backend", required_argument, nullptr, kBackend},
       {"netns", required_argument, nullptr, kNetns},
       {"resync", required_argument, nullptr, kResync},
       {"iptables-restore", required_argument, nullptr, kIptablesRestore},
@@ -189,6 +197,20 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
       case kApply:
         options.apply = true;
         break;
+      case kBackend: {
+        const std::string_view kind = optarg;
+        using Kind = BackendOptions::Kind;
+        if (kind == "nft") {
+          options.backend.kind = Kind::kNft;
+        } else if (kind == "iptables") {
+          options.backend.kind = Kind::kIptables;
+        } else if (kind == "auto") {
+          options.backend.kind = Kind::kAuto;
+        } else {
+          return usageError("--backend wants nft, iptables or auto, got " + shownName(optarg));
+        }
+        break;
+      }
       case kNetns:
         if (auto fault = NamespaceMap::templateFault(optarg))
           return usageError("--netns: " + *fault);
@@ -201,9 +223,11 @@ std::optional<int> parseCommandLine(int argc, char** argv, const std::string& de
         break;
       case kIptablesRestore:
         options.backend.iptablesRestore = optarg;
+        options.backend.iptablesNamed = true;
         break;
       case kIptablesSave:
         options.backend.iptablesSave = optarg;
+        options.backend.iptablesNamed = true;
         break;
       case kRemoveApplied:
         options.removeApplied = true;

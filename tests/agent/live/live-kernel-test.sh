@@ -4,7 +4,7 @@
 # namespaces, namespaces added and deleted; the state database follows, and
 # real multicast datagrams arrive exactly while the rule stands.
 #
-#   live-kernel-test.sh ACL_AGENT MCAST_PROBE
+#   live-kernel-test.sh ACL_AGENT MCAST_PROBE nft|iptables
 #
 # Runs as root in a private mount and network namespace with its own /run;
 # exits 77 (skipped) with the reason where that cannot be had.
@@ -12,6 +12,7 @@ set -uo pipefail
 agent=$1 probe=$2
 source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
 enter_private_namespace "$0" "$@"
+use_backend "${3:-iptables}"
 
 # Namespace NAME joined to ours by "h-NAME" here and "v-NAME" there (left
 # down), with INPUT policy DROP there.
@@ -174,7 +175,7 @@ ip -n gold-gold link set v-gold-gold up
 await "show applied" 'vrf="gold" netns="gold-gold" state=ok rules=1'
 [ "$(datagrams_into gold-gold)" = 3 ] || fail "datagrams did not arrive in gold-gold"
 signal_agent TERM
-"$agent" --netns '%s-%s' --remove-applied 2>> "$work/agent.err" ||
+run_agent --netns '%s-%s' --remove-applied 2>> "$work/agent.err" ||
   fail "--remove-applied with --netns %s-%s failed"
 ip netns exec gold-gold iptables-save | grep -q ACLAGENT && fail "gold-gold kept the agent's chain"
 [ "$(datagrams_into red)" = 3 ] || fail "removal reached red, which %s-%s does not name"

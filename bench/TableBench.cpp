@@ -15,6 +15,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -108,19 +109,19 @@ void BM_ReadBackOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
   loop->settle();
 }
 
-}  // namespace bench
+BENCHMARK_CAPTURE(BM_WriteOneVrf, nft, BackendOptions::Kind::kNft)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_WriteOneVrf, iptables, BackendOptions::Kind::kIptables)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ReadBackOneVrf, nft, BackendOptions::Kind::kNft)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ReadBackOneVrf, iptables, BackendOptions::Kind::kIptables)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
-BENCHMARK_CAPTURE(bench::BM_WriteOneVrf, nft, AclAgent::BackendOptions::Kind::kNft)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(bench::BM_WriteOneVrf, iptables, AclAgent::BackendOptions::Kind::kIptables)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(bench::BM_ReadBackOneVrf, nft, AclAgent::BackendOptions::Kind::kNft)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(bench::BM_ReadBackOneVrf, iptables, AclAgent::BackendOptions::Kind::kIptables)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
+}  // namespace bench
 
 BENCHMARK_MAIN();

@@ -92,6 +92,9 @@ class KernelTable {
   virtual std::unique_ptr<Job> write(const std::string& vrf, int netnsFd, const Snapshot& from,
                                      const ChainRules& to, std::function<void(WriteResult)> done,
                                      std::string* error) = 0;
+  // Called with a VRF whose namespace someone else changed, for a table
+  // that hears such changes as they happen; one listener.
+  virtual void driftListenerIs(std::function<void(const std::string& vrf)> /*listener*/) {}
   // The namespace of `vrf` is gone: whatever the table keeps open in it is
   // closed, which lets the kernel free it.
   virtual void vrfGone(const std::string& /*vrf*/) {}

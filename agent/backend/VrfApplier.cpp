@@ -78,6 +78,8 @@ VrfApplier::VrfApplier(Zov::Ptr<Pell::TaskSchedulerRoot> loop, std::unique_ptr<K
       options_(std::move(options)),
       errors_(errors) {
   if (options_.maxJobs == 0) options_.maxJobs = std::min(cpuCount(), 4u);
+  // A table that hears someone else's change has it read back at once.
+  table_->driftListenerIs([this](const std::string& vrf) { vrfResync(vrf); });
   if (options_.resyncPeriod > 0) {
     resyncTimer_ = std::make_unique<Pell::BackgroundTimer>(loop_, "resyncTask", [this] {
       resync();

@@ -74,7 +74,7 @@ void NftBatch::end() {
   advance(nftnl_batch_end(room(), ++seq_));
 }
 
-std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error) {
+std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error, unsigned group) {
   int home = -1;
   if (netnsFd >= 0) {
     home = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
@@ -100,7 +100,7 @@ std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error) {
     *error = failure("cannot open a netfilter netlink socket");
     return nullptr;
   }
-  if (mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) < 0) {
+  if (mnl_socket_bind(socket, group ? 1u << (group - 1) : 0u, MNL_SOCKET_AUTOPID) < 0) {
     *error = failure("cannot bind a netfilter netlink socket");
     mnl_socket_close(socket);
     return nullptr;
@@ -159,6 +159,28 @@ bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlm
       *error = failure("nf_tables refused to answer");
       return false;
     }
+  }
+}
+
+int NftSocket::fd() const {
+  return mnl_socket_get_fd(socket_);
+}
+
+bool NftSocket::drain(const std::function<void(const nlmsghdr*)>& each) {
+  std::vector<char> buffer(kReceiveBuffer);
+  bool whole = true;
+  for (;;) {
+    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    if (n < 0) {
+      if (errno == ENOBUFS) {
+        whole = false;
+        continue;
+      }
+      return whole;
+    }
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    int left = static_cast<int>(n);
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) each(message);
   }
 }
 

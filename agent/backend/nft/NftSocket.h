@@ -67,8 +67,9 @@ class NftSocket {
   };
 
   // A socket in the namespace `netnsFd` (-1: the agent's own); null with
-  // `*error` set when it cannot be opened.
-  static std::unique_ptr<NftSocket> open(int netnsFd, std::string* error);
+  // `*error` set when it cannot be opened. With `group` (NFNLGRP_...), it
+  // hears that group's notifications, and is used for nothing else.
+  static std::unique_ptr<NftSocket> open(int netnsFd, std::string* error, unsigned group = 0);
   ~NftSocket();
   NftSocket(const NftSocket&) = delete;
   NftSocket& operator=(const NftSocket&) = delete;
@@ -83,6 +84,10 @@ class NftSocket {
   // Sends `batch` as one transaction and collects the kernel's answer.
   // REQUIRES: `batch.end()` was called.
   Outcome commit(NftBatch& batch);
+  // Reads every message queued, without waiting, calling `each` with each.
+  // False when some were lost (the socket overran: ENOBUFS).
+  bool drain(const std::function<void(const nlmsghdr*)>& each);
+  int fd() const;
 
  private:
   explicit NftSocket(mnl_socket* socket);

@@ -109,8 +109,17 @@ NftSocket* NftTable::socketFor(const std::string& vrf, int netnsFd, std::string*
   if (kept.socket && kept.device == device && kept.inode == inode) return kept.socket.get();
   // Another namespace under the same name: the old one's socket goes first,
   // so that the old namespace can go.
+  kept.watch.reset();
   kept.socket = NftSocket::open(netnsFd, error);
-  if (!kept.socket) {
+  if (kept.socket) {
+    kept.watch = NftWatch::open(
+        *loop_, netnsFd,
+        [this, vrf] {
+          if (driftListener_) driftListener_(vrf);
+        },
+        error);
+  }
+  if (!kept.socket || !kept.watch) {
     sockets_.erase(vrf);
     return nullptr;
   }

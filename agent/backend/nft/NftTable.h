@@ -10,7 +10,10 @@
 // One socket per VRF, opened inside its namespace on first use and kept: a
 // namespace deleted and made again under the same name gets a new socket
 // (the namespace's inode differs), and `vrfGone` closes the VRF's socket,
-// which would otherwise keep a deleted namespace alive. A read or a write
+// which would otherwise keep a deleted namespace alive. Beside it, an
+// `NftWatch` hears the namespace's ruleset change: a change by someone else
+// to table filter calls the drift listener with the VRF, which reads it
+// back (and repairs it) at once; the agent's own writes do not. A read or a write
 // is done at once, inside `read`/`write` (tens of microseconds); its `done`
 // runs from the loop afterwards, through a descriptor the loop watches, and
 // counts as work in flight until then, so `settle` and `drain` wait for it.
@@ -32,6 +35,7 @@
 #include "agent/backend/KernelTable.h"
 #include "agent/backend/nft/NftRule.h"
 #include "agent/backend/nft/NftSocket.h"
+#include "agent/backend/nft/NftWatch.h"
 #include "platform/Pell.h"
 
 namespace AclAgent {
@@ -58,6 +62,9 @@ class NftTable : public KernelTable {
                              std::string* error) override;
   std::optional<std::string> removeAll(int netnsFd) override;
   void vrfGone(const std::string& vrf) override;
+  void driftListenerIs(std::function<void(const std::string& vrf)> listener) override {
+    driftListener_ = std::move(listener);
+  }
 
   // How many sockets are open: one per VRF whose namespace was read or
   // written and not gone since.
@@ -69,6 +76,7 @@ class NftTable : public KernelTable {
     dev_t device = 0;
     ino_t inode = 0;
     std::unique_ptr<NftSocket> socket;
+    std::unique_ptr<NftWatch> watch;
   };
 
   NftSocket* socketFor(const std::string& vrf, int netnsFd, std::string* error);
@@ -79,6 +87,7 @@ class NftTable : public KernelTable {
   void cancel(PostedJob* job);
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
+  std::function<void(const std::string& vrf)> driftListener_;
   std::map<std::string, VrfSocket> sockets_;
   mutable std::unordered_map<std::string, std::variant<NftRule, std::string>> parsed_;
   int wakeFd_;

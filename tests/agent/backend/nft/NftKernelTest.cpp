@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -210,6 +211,47 @@ TEST_F(NftKernelTest, EachKindOfDriftIsRepairedByOneTransaction) {
     EXPECT_EQ(status("red").repairs, writes - 1) << drift;
     EXPECT_EQ(saved("red"), good) << drift;
   }
+  EXPECT_EQ(errors_.str(), "");
+}
+
+TEST_F(NftKernelTest, SomeoneElsesEditIsRepairedAsItHappensAndOnlyWhereItHappened) {
+  namespaceIs("red");
+  namespaceIs("blue");
+  const ChainRules rules{{"INPUT", {kMdns, kGateway}}};
+  backend(Kind::kNft).vrfRulesIs("red", rules);
+  backend_->vrfRulesIs("blue", rules);
+  settle();
+  const std::string good = saved("red");
+  // Waits on the loop's descriptors alone, as the agent does between
+  // commands: no resync, no task.
+  auto repaired = [&](std::uint64_t repairs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (status("red").repairs == repairs && backend_->idle() && holds("red", rules)) return true;
+      loop_->pollFds(100'000'000);
+    }
+    return false;
+  };
+  const std::vector<std::string> edits{
+      in("red") + "iptables-nft -F ACLAGENT-INPUT",
+      in("red") + "iptables-nft -D INPUT -j ACLAGENT-INPUT",
+      in("red") + "nft add rule ip filter ACLAGENT-INPUT tcp dport 9 accept",
+  };
+  std::uint64_t repairs = 0;
+  for (const std::string& edit : edits) {
+    shell(edit);
+    EXPECT_TRUE(repaired(++repairs)) << edit << "\n" << saved("red");
+    EXPECT_EQ(saved("red"), good) << edit;
+  }
+  // Someone else's change elsewhere in the table is read back, and not
+  // written over; the agent's own writes never woke it, and blue was never
+  // written again.
+  shell(in("red") + "iptables-nft -A INPUT -p tcp --dport 23 -j ACCEPT");
+  for (int i = 0; i < 5; ++i) loop_->pollFds(20'000'000);
+  settle();
+  EXPECT_EQ(status("red").repairs, repairs);
+  EXPECT_EQ(status("red").writes, 1 + repairs);
+  EXPECT_EQ(status("blue").writes, 1u);
   EXPECT_EQ(errors_.str(), "");
 }
 

@@ -13,11 +13,13 @@
 #include <benchmark/benchmark.h>
 #include <time.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "agent/backend/Backend.h"
 
@@ -50,11 +52,17 @@ std::unique_ptr<AclAgent::Backend> backendOf(BackendOptions::Kind kind) {
                                std::cerr);
 }
 
-// Times `step` on the wall clock and on the thread's CPU clock.
+// Times `step` on the wall clock and on the thread's CPU clock; with
+// `pause`, that long passes untimed before each step.
 template <class Step>
-void timed(benchmark::State& state, Step step) {
+void timed(benchmark::State& state, Step step, std::chrono::milliseconds pause = {}) {
   std::int64_t cpu = 0;
   for (auto _ : state) {
+    if (pause.count() > 0) {
+      state.PauseTiming();
+      std::this_thread::sleep_for(pause);
+      state.ResumeTiming();
+    }
     const std::int64_t wall0 = nowNs(CLOCK_MONOTONIC);
     const std::int64_t cpu0 = nowNs(CLOCK_THREAD_CPUTIME_ID);
     step();
@@ -64,7 +72,9 @@ void timed(benchmark::State& state, Step step) {
   state.counters["cpu_us"] = double(cpu) / 1e3 / double(state.iterations());
 }
 
-void BM_WriteOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
+// `pause` apart: a transaction right after another one waits in the kernel
+// for the release of what the one before it deleted.
+void BM_WriteOneVrf(benchmark::State& state, BackendOptions::Kind kind, int pause) {
   if (!inPrivateNamespaces()) {
     state.SkipWithError("runs only inside the namespaces that bench/table-bench.sh makes");
     return;
@@ -75,12 +85,15 @@ void BM_WriteOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
   loop->settle();
   bool both = false;
   const std::uint64_t before = backend->statuses().front().writes;
-  timed(state, [&] {
-    both = !both;
-    backend->vrfRulesIs(
-        "default", both ? ChainRules{{"INPUT", {kMdns, kOther}}} : ChainRules{{"INPUT", {kMdns}}});
-    loop->settle();
-  });
+  timed(
+      state,
+      [&] {
+        both = !both;
+        backend->vrfRulesIs("default", both ? ChainRules{{"INPUT", {kMdns, kOther}}}
+                                            : ChainRules{{"INPUT", {kMdns}}});
+        loop->settle();
+      },
+      std::chrono::milliseconds(pause));
   const AclAgent::VrfStatus status = backend->statuses().front();
   if (status.state != AclAgent::VrfStatus::State::kOk ||
       status.writes - before != std::uint64_t(state.iterations())) {
@@ -109,11 +122,19 @@ void BM_ReadBackOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
   loop->settle();
 }
 
-BENCHMARK_CAPTURE(BM_WriteOneVrf, nft, BackendOptions::Kind::kNft)
+BENCHMARK_CAPTURE(BM_WriteOneVrf, nft, BackendOptions::Kind::kNft, 0)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_WriteOneVrf, iptables, BackendOptions::Kind::kIptables)
+BENCHMARK_CAPTURE(BM_WriteOneVrf, iptables, BackendOptions::Kind::kIptables, 0)
     ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_WriteOneVrf, nft_50ms_apart, BackendOptions::Kind::kNft, 50)
+    ->UseManualTime()
+    ->Iterations(40)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_WriteOneVrf, iptables_50ms_apart, BackendOptions::Kind::kIptables, 50)
+    ->UseManualTime()
+    ->Iterations(40)
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_ReadBackOneVrf, nft, BackendOptions::Kind::kNft)
     ->UseManualTime()

@@ -310,6 +310,7 @@ std::vector<std::string> needRestart(const AclAgent::CommandLine& running,
   check(running.removeApplied == next.removeApplied, "remove-applied");
   check(running.backend.namespaces.netnsTemplate() == next.backend.namespaces.netnsTemplate(),
         "netns");
+  check(running.backend.kind == next.backend.kind, "backend");
   check(running.backend.iptablesRestore == next.backend.iptablesRestore, "iptables-restore");
   check(running.backend.iptablesSave == next.backend.iptablesSave, "iptables-save");
   check(running.control == next.control, "control");
@@ -447,6 +448,15 @@ int main(int argc, char** argv) {
     return *status;
   }
   AclAgent::enableTraces(options);
+  if (options.apply && options.live) {
+    // A daemon's log says which backend writes, and why (`show applied`
+    // says it too).
+    std::string why;
+    const bool nft =
+        AclAgent::chosenKind(options.backend, &why) == AclAgent::BackendOptions::Kind::kNft;
+    std::cerr << AclAgent::kInfo << "acl-agent: backend " << (nft ? "nft" : "iptables") << ": "
+              << why << "\n";
+  }
   if (options.removeApplied) {
     return AclAgent::removeApplied(options.backend, std::cerr) ? AclAgent::kExitOk
                                                                : AclAgent::kExitCommandFailed;

@@ -38,6 +38,14 @@ namespace AclAgent {
 using ChainRules = std::map<std::string, std::vector<std::string>>;
 
 struct BackendOptions {
+  // Which kernel table writes: nf_tables over netlink in the agent's own
+  // process, the iptables programs, or (auto) nft where the kernel has
+  // nf_tables and the `iptables` on PATH is its nf_tables variant, unless
+  // the iptables programs were named.
+  enum class Kind : std::uint8_t { kAuto, kNft, kIptables };
+  Kind kind = Kind::kAuto;
+  // --iptables-restore or --iptables-save was given: auto means iptables.
+  bool iptablesNamed = false;
   NamespaceMap namespaces;
   // Every this long on the loop's clock, every VRF is read back; 0: never.
   Pell::Nanoseconds resyncPeriod = 90'000'000'000;
@@ -62,7 +70,8 @@ struct VrfStatus {
   std::size_t rules = 0;
   std::uint64_t writes = 0;
   std::uint64_t repairs = 0;
-  std::string error;  // the last error; empty when ok
+  std::string error;    // the last error; empty when ok
+  std::string backend;  // "nft" or "iptables"
 };
 
 class Backend {
@@ -91,11 +100,16 @@ class Backend {
 };
 
 // `show applied`: one line per VRF,
-//   applied vrf="red" netns="red" state=ok rules=1 writes=1 repairs=0
-// with ` error="..."` when not ok; "no vrfs" when there is none.
+//   applied vrf="red" netns="red" state=ok rules=1 writes=1 repairs=0 backend=nft
+// with ` error="..."` before the backend when not ok; "no vrfs" when there
+// is none.
 std::string appliedText(const std::vector<VrfStatus>& statuses);
 // The VRFs whose rules must stand and are not in place.
 std::vector<VrfStatus> notInPlace(const std::vector<VrfStatus>& statuses);
+
+// The kind of table `options` choose, auto resolved, with the reason for a
+// message; an explicit choice is taken as it stands.
+BackendOptions::Kind chosenKind(const BackendOptions& options, std::string* why);
 
 // The backend that `options` choose.
 std::unique_ptr<Backend> makeBackend(const Zov::Ptr<Pell::TaskSchedulerRoot>& loop,

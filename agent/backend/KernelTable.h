@@ -3,8 +3,8 @@
 // namespace. `VrfApplier` does everything else (which VRF, when, how often,
 // retries, what to report) for any table.
 //
-//   table.read(netnsFd, [](KernelTable::ReadResult read) {
-//     if (!read.snapshot->holds(wanted)) table.write(netnsFd, *read.snapshot, wanted, ...);
+//   table.read("red", netnsFd, [](KernelTable::ReadResult read) {
+//     if (!read.snapshot->holds(wanted)) table.write("red", netnsFd, *read.snapshot, wanted, ...);
 //   }, &error);
 //
 // A read or write may end at once or later; its `done` runs on the event
@@ -69,18 +69,35 @@ class KernelTable {
 
   virtual ~KernelTable() = default;
 
+  // The backend's name, as `show applied` shows it: "nft", "iptables".
+  virtual const char* name() const = 0;
+
   // Why the rules of `chain` cannot be given an owned chain; nothing when
   // they can.
   virtual std::optional<std::string> chainFault(std::string_view chain) const = 0;
+  // Why the table cannot write the rule `text` with its meaning, naming it;
+  // nothing when it can. Such a rule is left out of what is written.
+  virtual std::optional<std::string> ruleFault(std::string_view /*text*/) const {
+    return std::nullopt;
+  }
 
-  // Reads the namespace `netnsFd` (-1: the agent's own) back. Null, with
-  // `*error` set, when the read could not start.
-  virtual std::unique_ptr<Job> read(int netnsFd, std::function<void(ReadResult)> done,
-                                    std::string* error) = 0;
+  // Reads the namespace `netnsFd` (-1: the agent's own) of VRF `vrf` back.
+  // Null, with `*error` set, when the read could not start. The VRF names
+  // the namespace across calls, for a table that keeps something open in
+  // it.
+  virtual std::unique_ptr<Job> read(const std::string& vrf, int netnsFd,
+                                    std::function<void(ReadResult)> done, std::string* error) = 0;
   // Turns what `from` found into `to` in one transaction. Null, with
   // `*error` set, when the write could not start.
-  virtual std::unique_ptr<Job> write(int netnsFd, const Snapshot& from, const ChainRules& to,
-                                     std::function<void(WriteResult)> done, std::string* error) = 0;
+  virtual std::unique_ptr<Job> write(const std::string& vrf, int netnsFd, const Snapshot& from,
+                                     const ChainRules& to, std::function<void(WriteResult)> done,
+                                     std::string* error) = 0;
+  // Called with a VRF whose namespace someone else changed, for a table
+  // that hears such changes as they happen; one listener.
+  virtual void driftListenerIs(std::function<void(const std::string& vrf)> /*listener*/) {}
+  // The namespace of `vrf` is gone: whatever the table keeps open in it is
+  // closed, which lets the kernel free it.
+  virtual void vrfGone(const std::string& /*vrf*/) {}
   // Removes every owned chain and jump from the namespace `netnsFd`, to the
   // end, without an event loop; the reason when that failed.
   virtual std::optional<std::string> removeAll(int netnsFd) = 0;

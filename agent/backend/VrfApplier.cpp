@@ -78,6 +78,8 @@ VrfApplier::VrfApplier(Zov::Ptr<Pell::TaskSchedulerRoot> loop, std::unique_ptr<K
       options_(std::move(options)),
       errors_(errors) {
   if (options_.maxJobs == 0) options_.maxJobs = std::min(cpuCount(), 4u);
+  // A table that hears someone else's change has it read back at once.
+  table_->driftListenerIs([this](const std::string& vrf) { vrfResync(vrf); });
   resyncTimer_ = std::make_unique<Pell::BackgroundTimer>(loop_, "resyncTask", [this] {
     resync();
     resyncTimer_->armIn(options_.resyncPeriod);
@@ -115,13 +117,22 @@ ChainRules VrfApplier::effective(const Vrf& vrf) const {
   return rules;
 }
 
-// Leaves out, and reports once, each chain that cannot have an owned chain.
+// Leaves out, and reports once, each chain that cannot have an owned chain
+// and each rule that the table cannot write.
 void VrfApplier::noteUnownable(Vrf& vrf) {
   for (const auto& [chain, texts] : vrf.wanted) {
     if (texts.empty() || vrf.refusedChains.contains(chain)) continue;
     if (auto fault = table_->chainFault(chain)) {
       vrf.refusedChains[chain] = *fault;
       report(vrf, *fault);
+      continue;
+    }
+    for (const std::string& text : texts) {
+      if (vrf.refusedRules.contains({chain, text})) continue;
+      if (auto fault = table_->ruleFault(text)) {
+        vrf.refusedRules[{chain, text}] = *fault;
+        report(vrf, *fault);
+      }
     }
   }
 }
@@ -299,7 +310,7 @@ bool VrfApplier::startJob(Vrf& vrf, void (VrfApplier::*handler)(Vrf&, Result), S
 void VrfApplier::startRead(Vrf& vrf) {
   vrf.again = false;
   if (startJob(vrf, &VrfApplier::handleRead, [&](int fd, auto done, std::string* error) {
-        return table_->read(fd, std::move(done), error);
+        return table_->read(vrf.name, fd, std::move(done), error);
       })) {
     vrf.step = Vrf::Step::kReading;
   }
@@ -333,7 +344,7 @@ void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
   }
   const bool repair = vrf.applied && *vrf.applied == rules;
   if (startJob(vrf, &VrfApplier::handleWrite, [&](int fd, auto done, std::string* error) {
-        return table_->write(fd, *read.snapshot, rules, std::move(done), error);
+        return table_->write(vrf.name, fd, *read.snapshot, rules, std::move(done), error);
       })) {
     vrf.step = Vrf::Step::kWriting;
     vrf.writing = std::move(rules);
@@ -389,6 +400,7 @@ void VrfApplier::succeeded(Vrf& vrf) {
 }
 
 void VrfApplier::namespaceMissing(Vrf& vrf) {
+  table_->vrfGone(vrf.name);
   vrf.again = false;
   vrf.verifying = false;
   // Nothing can stand in a namespace that does not exist, and nothing has
@@ -422,7 +434,8 @@ std::vector<VrfStatus> VrfApplier::statuses() const {
   for (const auto& [name, vrf] : vrfs_) {
     const VrfStatus::State state = shownState(*vrf);
     out.push_back(VrfStatus{name, vrf->netns, state, ruleCount(vrf->wanted), vrf->writes,
-                            vrf->repairs, state == VrfStatus::State::kOk ? "" : vrf->error});
+                            vrf->repairs, state == VrfStatus::State::kOk ? "" : vrf->error,
+                            table_->name()});
   }
   return out;
 }

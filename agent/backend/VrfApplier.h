@@ -26,8 +26,10 @@
 // write did not take effect" is reported as a failure. A failure is
 // reported and retried after a delay that grows from 100 ms to 30 s, on
 // background tasks of the loop. A rule or chain that the table
-// refuses, or a chain it cannot give an owned chain, is reported and left out
-// while the rest is written; it is forgotten once no longer wanted.
+// refuses, a chain it cannot give an owned chain, or a rule it cannot write
+// (`ruleFault`), is reported and left out while the rest is written; it is
+// forgotten once no longer wanted. A table that hears someone else's change
+// as it happens has that VRF read back at once, as `vrfResync` does.
 //
 // Threading: the event thread only.
 #pragma once

@@ -41,8 +41,14 @@ const char kUsage[] =
     "                       from a pipe; a line that fails is reported and the\n"
     "                       session goes on\n"
     "  --realtime           run the event loop on the wall clock\n"
-    "  --apply              put the rules in place in the kernel with\n"
-    "                       iptables-restore, one network namespace per VRF\n"
+    "  --apply              put the rules in place in the kernel, one network\n"
+    "                       namespace per VRF\n"
+    "  --backend nft|iptables|auto\n"
+    "                       how --apply writes: nf_tables from the agent's own\n"
+    "                       process, or iptables-restore; auto (the default):\n"
+    "                       nft where the kernel has nf_tables and iptables is\n"
+    "                       its nf_tables variant, unless the iptables\n"
+    "                       programs are named\n"
     "  --netns TEMPLATE     the namespace of a VRF other than default, %s\n"
     "                       standing for its name and %% for a %\n"
     "                       (default: %s)\n"
@@ -146,15 +152,12 @@ struct OptionSpec {
   bool hasValue;
 };
 constexpr OptionSpec kOptionSpecs[] = {
-    {"plugin", true},          {"trace", true},
-    {"realtime", false},       {"interactive", false},
-    {"apply", false},          {"netns", true},
-    {"resync", true},          {"iptables-restore", true},
-    {"iptables-save", true},   {"remove-applied", false},
-    {"live", false},           {"mdns-intf", true},
-    {"gateway-setting", true}, {"control", true},
-    {"config", true},          {"help", false},
-    {"version", false},
+    {"plugin", true},        {"trace", true},           {"realtime", false},
+    {"interactive", false},  {"apply", false},          {"backend", true},
+    {"netns", true},         {"resync", true},          {"iptables-restore", true},
+    {"iptables-save", true}, {"remove-applied", false}, {"live", false},
+    {"mdns-intf", true},     {"gateway-setting", true}, {"control", true},
+    {"config", true},        {"help", false},           {"version", false},
 };
 
 const OptionSpec* findOption(std::string_view name) {
@@ -184,6 +187,17 @@ std::optional<std::string> applyOption(const GivenOption& given, CommandLine& op
     options.interactive = true;
   } else if (name == "apply") {
     options.apply = true;
+  } else if (name == "backend") {
+    using Kind = BackendOptions::Kind;
+    if (value == "nft") {
+      options.backend.kind = Kind::kNft;
+    } else if (value == "iptables") {
+      options.backend.kind = Kind::kIptables;
+    } else if (value == "auto") {
+      options.backend.kind = Kind::kAuto;
+    } else {
+      return shown + " wants nft, iptables or auto, got " + shownName(value);
+    }
   } else if (name == "netns") {
     if (auto fault = NamespaceMap::templateFault(value)) return shown + ": " + *fault;
     options.backend.namespaces = NamespaceMap(value, options.backend.namespaces.dir());
@@ -193,8 +207,10 @@ std::optional<std::string> applyOption(const GivenOption& given, CommandLine& op
     }
   } else if (name == "iptables-restore") {
     options.backend.iptablesRestore = value;
+    options.backend.iptablesNamed = true;
   } else if (name == "iptables-save") {
     options.backend.iptablesSave = value;
+    options.backend.iptablesNamed = true;
   } else if (name == "remove-applied") {
     options.removeApplied = true;
   } else if (name == "live") {

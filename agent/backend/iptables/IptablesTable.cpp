@@ -71,7 +71,7 @@ std::string IptablesTable::whyFailed(const Program& program, const ChildResult& 
   return result.whyFailed(program.name, childTimeout_, errorSummary(result.err));
 }
 
-std::unique_ptr<KernelTable::Job> IptablesTable::read(int netnsFd,
+std::unique_ptr<KernelTable::Job> IptablesTable::read(const std::string& /*vrf*/, int netnsFd,
                                                       std::function<void(ReadResult)> done,
                                                       std::string* error) {
   return start(
@@ -97,8 +97,8 @@ std::unique_ptr<KernelTable::Job> IptablesTable::read(int netnsFd,
       error);
 }
 
-std::unique_ptr<KernelTable::Job> IptablesTable::write(int netnsFd, const Snapshot& from,
-                                                       const ChainRules& to,
+std::unique_ptr<KernelTable::Job> IptablesTable::write(const std::string& /*vrf*/, int netnsFd,
+                                                       const Snapshot& from, const ChainRules& to,
                                                        std::function<void(WriteResult)> done,
                                                        std::string* error) {
   auto input = std::make_shared<RestoreInput>(

@@ -29,11 +29,13 @@ class IptablesTable : public KernelTable {
  public:
   IptablesTable(Zov::Ptr<Pell::TaskSchedulerRoot> loop, const BackendOptions& options);
 
+  const char* name() const override { return "iptables"; }
   std::optional<std::string> chainFault(std::string_view chain) const override;
-  std::unique_ptr<Job> read(int netnsFd, std::function<void(ReadResult)> done,
-                            std::string* error) override;
-  std::unique_ptr<Job> write(int netnsFd, const Snapshot& from, const ChainRules& to,
-                             std::function<void(WriteResult)> done, std::string* error) override;
+  std::unique_ptr<Job> read(const std::string& vrf, int netnsFd,
+                            std::function<void(ReadResult)> done, std::string* error) override;
+  std::unique_ptr<Job> write(const std::string& vrf, int netnsFd, const Snapshot& from,
+                             const ChainRules& to, std::function<void(WriteResult)> done,
+                             std::string* error) override;
   std::optional<std::string> removeAll(int netnsFd) override;
 
  private:

@@ -5,7 +5,10 @@
 # stands and must not once it is withdrawn. Rules that others put in place
 # must survive every write, repair and removal byte for byte.
 #
-#   apply-kernel-test.sh ACL_AGENT MCAST_PROBE
+#   apply-kernel-test.sh ACL_AGENT MCAST_PROBE nft|iptables
+#
+# The agent writes with the backend given; the restart is made with the
+# other one, which must find everything in place and write nothing.
 #
 # Runs as root in a private mount and network namespace with its own /run,
 # so it never touches the machine's own namespaces or rules; exits 77
@@ -14,6 +17,7 @@ set -uo pipefail
 agent=$1 probe=$2
 source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
 enter_private_namespace "$0" "$@"
+use_backend "${3:-iptables}"
 
 owned=ACLAGENT-INPUT
 
@@ -58,7 +62,7 @@ before=$(foreign_rules red)
 start_agent -i --apply --resync 3600
 ask "vrf add global red" "intf set v-red red" "link set v-red 1" "load" "settle"
 [ "$(datagrams_into red)" = 3 ] || fail "datagrams did not arrive while the rule stands"
-expect_applied red 'netns="red" state=ok rules=1 writes=1 repairs=0'
+expect_applied red "netns=\"red\" state=ok rules=1 writes=1 repairs=0 backend=$backend"
 first=$(ip netns exec red iptables -S INPUT | sed -n 2p)
 [ "$first" = "-A INPUT -j $owned" ] || fail "the jump is not first in INPUT: [$first]"
 
@@ -83,6 +87,14 @@ for drift in "-F $owned" "-D INPUT -j $owned" "-I INPUT 1 -p tcp --dport 7 -j AC
   [ "$(datagrams_into red)" = 3 ] || fail "not repaired after: iptables $drift"
 done
 ip netns exec red iptables -D INPUT -p tcp --dport 7 -j ACCEPT
+# An edit made with nft, where iptables is the nf_tables variant.
+if iptables --version | grep -q nf_tables && command -v nft > /dev/null; then
+  ip netns exec red nft flush chain ip filter "$owned"
+  ask "resync" "settle"
+  writes=$((writes + 1))
+  expect_applied red "writes=$writes"
+  [ "$(datagrams_into red)" = 3 ] || fail "not repaired after: nft flush chain"
+fi
 
 # --- a namespace that appears late
 ask "vrf add global blue" "intf set v-blue blue" "link set v-blue 1" "advance 10ms" "settle"
@@ -96,16 +108,18 @@ stop_agent
 [ "$agent_exit" = 0 ] || fail "the agent did not exit 0 but $agent_exit: $(cat "$work/agent.err")"
 [ "$(datagrams_into red)" = 3 ] || fail "the rules did not stay in place after the agent ended"
 
-# --- a restart with the same state writes nothing
+# --- a restart with the same state writes nothing, with either backend
+use_backend "$other_backend"
 start_agent -i --apply --resync 3600
 ask "vrf add global red" "vrf add global blue" "intf set v-red red" "intf set v-blue blue" \
     "link set v-red 1" "link set v-blue 1" "load" "settle"
 expect_applied red "state=ok rules=1 writes=0"
-expect_applied blue "state=ok rules=1 writes=0"
+expect_applied blue "state=ok rules=1 writes=0 repairs=0 backend=$backend"
 stop_agent
+use_backend "$other_backend"
 
 # --- removal, and someone else's rules byte for byte
-"$agent" --remove-applied || fail "--remove-applied failed"
+run_agent --remove-applied || fail "--remove-applied failed"
 for name in red blue; do
   ip netns exec "$name" iptables-save | grep -q "$owned" && fail "$name still holds $owned"
 done

@@ -2,6 +2,7 @@
 #
 #   source kernel-test-lib.sh
 #   enter_private_namespace "$0" "$@"   # re-runs the test as root in private namespaces, or skips
+#   use_backend nft|iptables             # every agent started runs with --backend that
 #   start_agent ARGS...                  # acl-agent in the background; `ask` drives it
 #
 # The test runs in a private mount and network namespace with its own /run,
@@ -35,6 +36,24 @@ enter_private_namespace() {
   work=$(mktemp -d)
   trap end_test EXIT
   failures=0
+}
+
+# Every agent the test starts (start_agent, run_agent) runs with
+# `--backend BACKEND`; skips where nf_tables cannot be had for nft. Sets
+# $backend, and $other_backend to the other one.
+use_backend() {
+  case $1 in
+    nft) other_backend=iptables
+         nft list ruleset > /dev/null 2>&1 || { echo "skipped: the kernel has no nf_tables here"; exit 77; } ;;
+    iptables) other_backend=nft ;;
+    *) echo "unknown backend [$1]"; exit 2 ;;
+  esac
+  backend=$1
+}
+
+# acl-agent run to the end, with the backend chosen.
+run_agent() {
+  "$agent" ${backend:+--backend "$backend"} "$@"
 }
 
 # On the way out, however the test ends: an agent still running is stopped
@@ -129,7 +148,8 @@ datagrams_into() {
 start_agent() {
   rm -f "$work/agent.in" "$work/agent.out"
   mkfifo "$work/agent.in" "$work/agent.out"
-  "$agent" "$@" < "$work/agent.in" > "$work/agent.out" 2> "$work/agent.err" &
+  "$agent" ${backend:+--backend "$backend"} "$@" < "$work/agent.in" > "$work/agent.out" \
+    2> "$work/agent.err" &
   agent_pid=$!
   exec 7> "$work/agent.in" 8< "$work/agent.out"
 }

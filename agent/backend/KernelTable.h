@@ -98,6 +98,9 @@ class KernelTable {
   // The namespace of `vrf` is gone: whatever the table keeps open in it is
   // closed, which lets the kernel free it.
   virtual void vrfGone(const std::string& /*vrf*/) {}
+  // How many descriptors the table keeps open in each namespace it has read
+  // or written, for a caller that shares out the limit on open descriptors.
+  virtual unsigned descriptorsPerNamespace() const { return 0; }
   // Removes every owned chain and jump from the namespace `netnsFd`, to the
   // end, without an event loop; the reason when that failed.
   virtual std::optional<std::string> removeAll(int netnsFd) = 0;

@@ -64,6 +64,7 @@ class VrfApplier : public Backend {
   void resyncPeriodIs(Pell::Nanoseconds period) override;
   std::vector<VrfStatus> statuses() const override;
   bool idle() const override { return running_ == 0 && queue_.empty(); }
+  unsigned descriptorsPerVrf() const override { return table_->descriptorsPerNamespace(); }
   void idleListenerIs(std::function<void()> listener) override {
     idleListener_ = std::move(listener);
   }

@@ -105,13 +105,15 @@ void Agent::liveIs(std::vector<std::string> mdnsGlobs, NamespaceMap namespaces) 
   start_ = Start::kReading;
   mdnsGlobs_ = mdnsGlobs;
   rules_->callLogIs(false);
-  LiveOptions options{.mdnsGlobs = std::move(mdnsGlobs),
-                      .namespaceAppeared =
-                          [this](const std::string& vrf) {
-                            if (backend_) backend_->vrfResync(vrf);
-                          },
-                      .namespaceGone = [this](const std::string& vrf) { vrfGone(vrf); },
-                      .dumped = [this] { startTask_->armIn(0); }};
+  LiveOptions options{
+      .mdnsGlobs = std::move(mdnsGlobs),
+      .namespaceAppeared =
+          [this](const std::string& vrf) {
+            if (backend_) backend_->vrfResync(vrf);
+          },
+      .namespaceGone = [this](const std::string& vrf) { vrfGone(vrf); },
+      .dumped = [this] { startTask_->armIn(0); },
+      .descriptorsPerNamespace = 1 + (backend_ ? backend_->descriptorsPerVrf() : 0)};
   live_ = std::make_unique<LiveMode>(scheduler_, db_, std::move(options), std::move(namespaces),
                                      errors_);
 }

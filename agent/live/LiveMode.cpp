@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -124,14 +125,16 @@ void LiveMode::namespaceIs(const std::string& name) {
 }
 
 std::optional<std::string> LiveMode::descriptorsFull() const {
-  // Each namespace followed holds a socket; what is left must do for the
-  // agent's own descriptors and the backend's writes (a namespace, a memory
-  // file and two pipes for each child, a few children at once). Past that,
-  // one more namespace is refused rather than every write failing.
+  // Each namespace followed holds its socket, and what the backend keeps
+  // there; what is left must do for the agent's own descriptors and the
+  // backend's writes (a namespace, a memory file and two pipes for each
+  // child, a few children at once). Past that, one more namespace is
+  // refused rather than every write failing.
   constexpr rlim_t kReserve = 64;
+  const rlim_t each = std::max(options_.descriptorsPerNamespace, 1u);
   rlimit limit;
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY ||
-      monitors_.size() + kReserve < limit.rlim_cur) {
+      (monitors_.size() + 1) * each + kReserve <= limit.rlim_cur) {
     return std::nullopt;
   }
   return "not followed: " + std::to_string(monitors_.size()) +

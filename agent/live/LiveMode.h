@@ -49,6 +49,9 @@ struct LiveOptions {
   std::function<void(const std::string& vrf)> namespaceGone;
   // Called once, when every namespace followed has first been read whole.
   std::function<void()> dumped;
+  // The descriptors each namespace followed keeps open: its own socket, and
+  // what the backend keeps in it.
+  unsigned descriptorsPerNamespace = 1;
 };
 
 class LiveMode {

@@ -62,6 +62,8 @@ class NftTable : public KernelTable {
                              std::string* error) override;
   std::optional<std::string> removeAll(int netnsFd) override;
   void vrfGone(const std::string& vrf) override;
+  // The socket that writes and the one that hears notifications.
+  unsigned descriptorsPerNamespace() const override { return 2; }
   void driftListenerIs(std::function<void(const std::string& vrf)> listener) override {
     driftListener_ = std::move(listener);
   }

@@ -9,10 +9,18 @@
 //
 // `real_time` is the wall time of one operation; `cpu_us` the event thread's
 // CPU time for it (the iptables backend's children are not counted there,
-// they run beside it).
+// they run beside it). Beside them, how soon the nft backend repairs a flush
+// of its chain by another process, from that process's transaction to the
+// repair read back.
 #include <benchmark/benchmark.h>
+#include <libnftnl/rule.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -20,8 +28,10 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "agent/backend/Backend.h"
+#include "agent/backend/nft/NftSocket.h"
 
 namespace bench {
 
@@ -122,6 +132,83 @@ void BM_ReadBackOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
   loop->settle();
 }
 
+// Flushes the agent's chain from a process of its own, as someone else
+// would; the time just before its transaction, or -1 when it failed.
+std::int64_t flushFromAnotherProcess() {
+  int times[2];
+  if (::pipe(times) != 0) return -1;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::string error;
+    std::unique_ptr<AclAgent::NftSocket> socket = AclAgent::NftSocket::open(-1, &error);
+    std::int64_t start = -1;
+    if (socket) {
+      AclAgent::NftBatch batch(socket->nextSeq(), std::nullopt);
+      batch.add(NFT_MSG_DELRULE, 0, [](nlmsghdr* message) {
+        nftnl_rule* rule = nftnl_rule_alloc();
+        nftnl_rule_set_u32(rule, NFTNL_RULE_FAMILY, NFPROTO_IPV4);
+        nftnl_rule_set_str(rule, NFTNL_RULE_TABLE, "filter");
+        nftnl_rule_set_str(rule, NFTNL_RULE_CHAIN, "ACLAGENT-INPUT");
+        nftnl_rule_nlmsg_build_payload(message, rule);
+        nftnl_rule_free(rule);
+      });
+      batch.end();
+      start = nowNs(CLOCK_MONOTONIC);
+      if (!socket->commit(batch).error.empty()) start = -1;
+    }
+    const bool sent = ::write(times[1], &start, sizeof start) == sizeof start;
+    ::_exit(sent ? 0 : 1);
+  }
+  ::close(times[1]);
+  std::int64_t start = -1;
+  if (child < 0 || ::read(times[0], &start, sizeof start) != sizeof start) start = -1;
+  ::close(times[0]);
+  if (child > 0) ::waitpid(child, nullptr, 0);
+  return start;
+}
+
+// From another process's flush of the agent's chain to the repair in place:
+// heard on the notification socket, read back, written, and read back
+// again. `p50_us` and `p99_us` are over the iterations.
+void BM_RepairForeignFlush(benchmark::State& state) {
+  if (!inPrivateNamespaces()) {
+    state.SkipWithError("runs only inside the namespaces that bench/table-bench.sh makes");
+    return;
+  }
+  auto loop = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  auto backend = backendOf(BackendOptions::Kind::kNft);
+  backend->vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
+  loop->settle();
+  auto repairs = [&] { return backend->statuses().front().repairs; };
+  std::vector<double> took;
+  for (auto _ : state) {
+    state.PauseTiming();
+    // Apart, as in BM_WriteOneVrf/nft_50ms_apart.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    state.ResumeTiming();
+    const std::uint64_t before = repairs();
+    const std::int64_t start = flushFromAnotherProcess();
+    if (start < 0) {
+      state.SkipWithError("the foreign flush failed");
+      break;
+    }
+    loop->runUntil([&] { return repairs() > before && backend->idle(); });
+    const double seconds = double(nowNs(CLOCK_MONOTONIC) - start) / 1e9;
+    state.SetIterationTime(seconds);
+    took.push_back(seconds * 1e6);
+  }
+  std::sort(took.begin(), took.end());
+  if (!took.empty()) {
+    state.counters["p50_us"] = took[took.size() / 2];
+    state.counters["p99_us"] = took[std::min(took.size() - 1, took.size() * 99 / 100)];
+  }
+  if (backend->statuses().front().state != AclAgent::VrfStatus::State::kOk) {
+    state.SkipWithError("the chain was not repaired");
+  }
+  backend->vrfRulesIs("default", ChainRules{});
+  loop->settle();
+}
+
 BENCHMARK_CAPTURE(BM_WriteOneVrf, nft, BackendOptions::Kind::kNft, 0)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
@@ -142,6 +229,8 @@ BENCHMARK_CAPTURE(BM_ReadBackOneVrf, nft, BackendOptions::Kind::kNft)
 BENCHMARK_CAPTURE(BM_ReadBackOneVrf, iptables, BackendOptions::Kind::kIptables)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
+
+BENCHMARK(BM_RepairForeignFlush)->UseManualTime()->Iterations(100)->Unit(benchmark::kMicrosecond);
 
 }  // namespace bench
 

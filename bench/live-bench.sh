@@ -8,6 +8,8 @@
 #   bench/live-bench.sh                   # build preset "release", run everything
 #   TRIES=100 bench/live-bench.sh         # more link flaps for the latency (50 by default)
 #   STARTS=9 bench/live-bench.sh          # more start-ups (5 by default)
+#   BACKENDS=nft bench/live-bench.sh      # the latency with one backend (nft and iptables by default)
+#   PRESET=bench LATENCY_ONLY=1 bench/live-bench.sh   # another build; the latency alone
 #
 # Needs root. It runs in a private mount and network namespace with its own
 # /run and makes its namespaces and interfaces there, so it never
@@ -17,14 +19,15 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 tries=${TRIES:-50}
 starts=${STARTS:-5}
-agent=build/release/agent/acl-agent
+preset=${PRESET:-release}
+agent=build/$preset/agent/acl-agent
 
 if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
   [ "$(id -u)" = 0 ] || { echo "skipped: needs root for network namespaces and iptables"; exit 77; }
   set -e
   scripts/install-deps.sh
-  cmake --preset release > /dev/null
-  cmake --build --preset release --target acl-agent McastDnsAclPlugin
+  cmake --preset "$preset" > /dev/null
+  cmake --build --preset "$preset" --target acl-agent McastDnsAclPlugin -- -j2
   set +e
   for tool in unshare ip iptables iptables-restore iptables-save; do
     command -v "$tool" > /dev/null || { echo "skipped: $tool is not installed"; exit 77; }
@@ -71,9 +74,10 @@ await_ready() {
     give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
 }
 
-# --- 1. a link down to its rule gone from the kernel
+# --- 1. a link down to its rule gone from the kernel, with each backend
+for backend in ${BACKENDS:-nft iptables}; do
 make_namespaces lat 1 1
-start_agent --live --apply --resync 3600
+start_agent --live --apply --resync 3600 --backend "$backend"
 await_ready
 # Run inside the namespace, so that neither the flap nor the polls pay for
 # entering it. A poll is one `iptables -S` (the resolution of the figure).
@@ -88,7 +92,7 @@ ip netns exec lat1 bash -c '
     ip link set d1 down
     while has_rule; do polls=$((polls + 1)); sleep 0.001; done
     end=$EPOCHREALTIME
-    echo "${start/./} ${end/./} $polls" >> "$1/latency"
+    echo "${start/./} ${end/./} $polls" >> "$1/latency-$3"
     [ "$try" = 1 ] && iptables-save -t filter > "$1/down"
     ip link set d1 up
     for _ in $(seq 5000); do has_rule && break; sleep 0.001; done
@@ -98,9 +102,10 @@ ip netns exec lat1 bash -c '
   for _ in $(seq 20); do
     start=$EPOCHREALTIME; has_rule; end=$EPOCHREALTIME; echo "${start/./} ${end/./}" >> "$1/poll"
   done
-' _ "$work" "$tries" || exit 1
+' _ "$work" "$tries" "$backend" || exit 1
 signal_agent TERM
 delete_namespaces lat 1
+done
 
 # The floor: the one iptables-restore that takes the rule away, in a
 # namespace of its own holding the same rules, timed directly.
@@ -133,13 +138,17 @@ ms() { awk '{ print ($2 - $1) / 1000 }' "$1"; }
 restore_median=$(ms "$work/restore" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }')
 echo
 echo "1. link down to rule gone from the kernel, ms"
-echo "  live agent:            $(ms "$work/latency" | median_max)"
+for backend in ${BACKENDS:-nft iptables}; do
+  printf '  live agent, %-10s %s\n' "$backend:" "$(ms "$work/latency-$backend" | median_max)"
+done
 echo "  one iptables-restore:  $(ms "$work/restore" | median_max)"
 echo "  floor (10 ms + that):  $(awk -v r="$restore_median" 'BEGIN { printf "%.1f", 10 + r }')"
 echo "  one iptables-save:     $(ms "$work/save" | median_max)"
 echo "  one ip link set down:  $(ms "$work/flap" | median_max)"
 echo "  one poll (resolution): $(ms "$work/poll" | median_max)"
-echo "  polls per try:         $(awk '{ print $3 }' "$work/latency" | median_max)"
+echo "  polls per try:         $(cat "$work"/latency-* | awk '{ print $3 }' | median_max)"
+
+[ "${LATENCY_ONLY:-}" = 1 ] && exit 0
 
 # --- 2. start-up with 1,000 interfaces over 16 namespaces
 # 8 namespaces of 63 interfaces and 8 of 62.

@@ -33,6 +33,24 @@ std::string failure(const char* what) {
   return std::string(what) + ": " + std::strerror(errno);
 }
 
+// The real channel: a netlink socket of the netfilter family.
+class MnlChannel : public NftChannel {
+ public:
+  explicit MnlChannel(mnl_socket* socket) : socket_(socket) {}
+  ~MnlChannel() override { mnl_socket_close(socket_); }
+  ssize_t send(const void* data, std::size_t size) override {
+    return mnl_socket_sendto(socket_, data, size);
+  }
+  ssize_t receive(void* buffer, std::size_t size) override {
+    return mnl_socket_recvfrom(socket_, buffer, size);
+  }
+  int fd() const override { return mnl_socket_get_fd(socket_); }
+  std::uint32_t portId() const override { return mnl_socket_get_portid(socket_); }
+
+ private:
+  mnl_socket* socket_;
+};
+
 }  // namespace
 
 NftBatch::NftBatch(std::uint32_t firstSeq, std::optional<std::uint32_t> generation)
@@ -74,7 +92,8 @@ void NftBatch::end() {
   advance(nftnl_batch_end(room(), ++seq_));
 }
 
-std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error, unsigned group) {
+std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error, unsigned group,
+                                           const NftChannelWrap& wrap) {
   int home = -1;
   if (netnsFd >= 0) {
     home = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
@@ -109,22 +128,20 @@ std::unique_ptr<NftSocket> NftSocket::open(int netnsFd, std::string* error, unsi
   int on = 1;
   mnl_socket_setsockopt(socket, NETLINK_CAP_ACK, &on, sizeof on);
   mnl_socket_setsockopt(socket, NETLINK_EXT_ACK, &on, sizeof on);
-  return std::unique_ptr<NftSocket>(new NftSocket(socket));
+  std::unique_ptr<NftChannel> channel = std::make_unique<MnlChannel>(socket);
+  if (wrap) channel = wrap(std::move(channel), group);
+  return std::make_unique<NftSocket>(std::move(channel));
 }
 
-NftSocket::NftSocket(mnl_socket* socket)
-    : socket_(socket),
-      portId_(mnl_socket_get_portid(socket)),
-      seq_(static_cast<std::uint32_t>(std::time(nullptr))) {}
+NftSocket::NftSocket(std::unique_ptr<NftChannel> channel)
+    : channel_(std::move(channel)), seq_(static_cast<std::uint32_t>(std::time(nullptr))) {}
 
-NftSocket::~NftSocket() {
-  mnl_socket_close(socket_);
-}
+NftSocket::~NftSocket() = default;
 
 bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlmsghdr*)>& each,
                      std::string* error, int* code) {
   if (code) *code = 0;
-  if (mnl_socket_sendto(socket_, request, request->nlmsg_len) < 0) {
+  if (channel_->send(request, request->nlmsg_len) < 0) {
     if (code) *code = errno;
     *error = failure("cannot ask nf_tables");
     return false;
@@ -135,9 +152,9 @@ bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlm
     return MNL_CB_OK;
   };
   for (;;) {
-    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    const ssize_t n = channel_->receive(buffer.data(), buffer.size());
     if (n < 0 && errno == EAGAIN) {
-      pollfd ready{mnl_socket_get_fd(socket_), POLLIN, 0};
+      pollfd ready{channel_->fd(), POLLIN, 0};
       if (::poll(&ready, 1, kDumpWaitMs) <= 0) {
         if (code) *code = ETIMEDOUT;
         *error = "nf_tables did not answer within " + std::to_string(kDumpWaitMs / 1000) + " s";
@@ -150,9 +167,9 @@ bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlm
       *error = failure("cannot read nf_tables' answer");
       return false;
     }
-    const int result =
-        mnl_cb_run(buffer.data(), static_cast<std::size_t>(n), request->nlmsg_seq, portId_,
-                   callback, const_cast<std::function<void(const nlmsghdr*)>*>(&each));
+    const int result = mnl_cb_run(buffer.data(), static_cast<std::size_t>(n), request->nlmsg_seq,
+                                  channel_->portId(), callback,
+                                  const_cast<std::function<void(const nlmsghdr*)>*>(&each));
     if (result == MNL_CB_STOP) return true;
     if (result == MNL_CB_ERROR) {
       if (code) *code = errno;
@@ -163,14 +180,14 @@ bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlm
 }
 
 int NftSocket::fd() const {
-  return mnl_socket_get_fd(socket_);
+  return channel_->fd();
 }
 
 bool NftSocket::drain(const std::function<void(const nlmsghdr*)>& each) {
   std::vector<char> buffer(kReceiveBuffer);
   bool whole = true;
   for (;;) {
-    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    const ssize_t n = channel_->receive(buffer.data(), buffer.size());
     if (n < 0) {
       if (errno == ENOBUFS) {
         whole = false;
@@ -187,7 +204,7 @@ bool NftSocket::drain(const std::function<void(const nlmsghdr*)>& each) {
 NftSocket::Outcome NftSocket::commit(NftBatch& batch) {
   Outcome outcome;
   seq_ = batch.lastSeq();
-  if (mnl_socket_sendto(socket_, batch.data(), batch.size()) < 0) {
+  if (channel_->send(batch.data(), batch.size()) < 0) {
     outcome.code = errno;
     outcome.error = failure("cannot send the transaction to nf_tables");
     return outcome;
@@ -196,7 +213,7 @@ NftSocket::Outcome NftSocket::commit(NftBatch& batch) {
   // has to tell is queued by now; nothing queued means it was applied.
   std::vector<char> buffer(kReceiveBuffer);
   for (;;) {
-    const ssize_t n = mnl_socket_recvfrom(socket_, buffer.data(), buffer.size());
+    const ssize_t n = channel_->receive(buffer.data(), buffer.size());
     if (n < 0 && errno == EAGAIN) return outcome;
     if (n < 0) {
       // Answers lost (ENOBUFS): whether it was applied is not known.

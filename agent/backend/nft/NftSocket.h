@@ -15,8 +15,15 @@
 // never waits. A batch carries the generation its read was made at, and the
 // kernel refuses it (ERESTART) when the ruleset changed since.
 //
+// The bytes go to the kernel and come back through an `NftChannel`: the
+// real one is the netlink socket; a test puts its own in between to show
+// faults the kernel will not show on demand (a refused transaction, lost
+// notifications), with everything else done by the kernel as usual.
+//
 // Threading: the event thread only.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
@@ -25,7 +32,6 @@
 #include <string>
 #include <vector>
 
-struct mnl_socket;
 struct nlmsghdr;
 
 namespace AclAgent {
@@ -56,6 +62,24 @@ class NftBatch {
   std::size_t messages_ = 0;
 };
 
+// Where a socket's bytes go to the kernel and come back from it.
+class NftChannel {
+ public:
+  virtual ~NftChannel() = default;
+  // As sendto and recvfrom on a non-blocking netlink socket: -1 with errno
+  // set when they fail (EAGAIN: nothing queued; ENOBUFS: messages were lost).
+  virtual ssize_t send(const void* data, std::size_t size) = 0;
+  virtual ssize_t receive(void* buffer, std::size_t size) = 0;
+  // The descriptor the loop watches for answers and notifications.
+  virtual int fd() const = 0;
+  virtual std::uint32_t portId() const = 0;
+};
+
+// Given the real channel of a new socket and the group it hears (0: none),
+// the channel that socket uses: how tests put faults at the boundary.
+using NftChannelWrap =
+    std::function<std::unique_ptr<NftChannel>(std::unique_ptr<NftChannel> real, unsigned group)>;
+
 class NftSocket {
  public:
   // What the kernel said of a transaction: `error` when it was not applied,
@@ -69,7 +93,10 @@ class NftSocket {
   // A socket in the namespace `netnsFd` (-1: the agent's own); null with
   // `*error` set when it cannot be opened. With `group` (NFNLGRP_...), it
   // hears that group's notifications, and is used for nothing else.
-  static std::unique_ptr<NftSocket> open(int netnsFd, std::string* error, unsigned group = 0);
+  // `wrap`, when given, chooses the channel.
+  static std::unique_ptr<NftSocket> open(int netnsFd, std::string* error, unsigned group = 0,
+                                         const NftChannelWrap& wrap = {});
+  explicit NftSocket(std::unique_ptr<NftChannel> channel);
   ~NftSocket();
   NftSocket(const NftSocket&) = delete;
   NftSocket& operator=(const NftSocket&) = delete;
@@ -90,10 +117,7 @@ class NftSocket {
   int fd() const;
 
  private:
-  explicit NftSocket(mnl_socket* socket);
-
-  mnl_socket* socket_;
-  std::uint32_t portId_;
+  std::unique_ptr<NftChannel> channel_;
   std::uint32_t seq_;
 };
 

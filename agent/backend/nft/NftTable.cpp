@@ -110,14 +110,14 @@ NftSocket* NftTable::socketFor(const std::string& vrf, int netnsFd, std::string*
   // Another namespace under the same name: the old one's socket goes first,
   // so that the old namespace can go.
   kept.watch.reset();
-  kept.socket = NftSocket::open(netnsFd, error);
+  kept.socket = NftSocket::open(netnsFd, error, 0, wrap_);
   if (kept.socket) {
     kept.watch = NftWatch::open(
         *loop_, netnsFd,
         [this, vrf] {
           if (driftListener_) driftListener_(vrf);
         },
-        error);
+        error, wrap_);
   }
   if (!kept.socket || !kept.watch) {
     sockets_.erase(vrf);
@@ -169,6 +169,7 @@ std::unique_ptr<KernelTable::Job> NftTable::read(const std::string& vrf, int net
   NftSocket* socket = socketFor(vrf, netnsFd, error);
   if (!socket) return nullptr;
   auto read = std::make_shared<ReadResult>();
+  ++reads_;
   NftRuleset ruleset;
   if (auto failure = readRuleset(*socket, &ruleset)) {
     read->error = *failure;
@@ -186,6 +187,7 @@ std::unique_ptr<KernelTable::Job> NftTable::write(const std::string& vrf, int ne
                                                   std::string* error) {
   NftSocket* socket = socketFor(vrf, netnsFd, error);
   if (!socket) return nullptr;
+  ++transactions_;
   auto written = std::make_shared<WriteResult>(
       writeRuleset(*socket, static_cast<const RulesetSnapshot&>(from).ruleset(), to,
                    [this](const std::string& text) { return parsed(text); }));

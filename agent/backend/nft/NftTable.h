@@ -71,6 +71,13 @@ class NftTable : public KernelTable {
   // How many sockets are open: one per VRF whose namespace was read or
   // written and not gone since.
   std::size_t sockets() const { return sockets_.size(); }
+  // How many read-backs and transactions the table has made, all VRFs
+  // together: the work that someone else's changes cost.
+  std::uint64_t reads() const { return reads_; }
+  std::uint64_t transactions() const { return transactions_; }
+  // Sockets opened from now on use the channel `wrap` chooses: the seam
+  // through which tests show the kernel's faults.
+  void channelWrapIs(NftChannelWrap wrap) { wrap_ = std::move(wrap); }
 
  private:
   class PostedJob;
@@ -90,6 +97,9 @@ class NftTable : public KernelTable {
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
   std::function<void(const std::string& vrf)> driftListener_;
+  NftChannelWrap wrap_;
+  std::uint64_t reads_ = 0;
+  std::uint64_t transactions_ = 0;
   std::map<std::string, VrfSocket> sockets_;
   mutable std::unordered_map<std::string, std::variant<NftRule, std::string>> parsed_;
   int wakeFd_;

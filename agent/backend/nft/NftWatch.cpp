@@ -36,8 +36,9 @@ const nlattr* attributeOf(const nlmsghdr* message, std::uint16_t type) {
 }  // namespace
 
 std::unique_ptr<NftWatch> NftWatch::open(Pell::TaskSchedulerRoot& loop, int netnsFd,
-                                         std::function<void()> changed, std::string* error) {
-  std::unique_ptr<NftSocket> socket = NftSocket::open(netnsFd, error, NFNLGRP_NFTABLES);
+                                         std::function<void()> changed, std::string* error,
+                                         const NftChannelWrap& wrap) {
+  std::unique_ptr<NftSocket> socket = NftSocket::open(netnsFd, error, NFNLGRP_NFTABLES, wrap);
   if (!socket) return nullptr;
   return std::unique_ptr<NftWatch>(new NftWatch(loop, std::move(socket), std::move(changed)));
 }

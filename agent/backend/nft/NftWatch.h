@@ -27,8 +27,10 @@ namespace AclAgent {
 class NftWatch {
  public:
   // Null, with `*error` set, when the socket cannot be opened.
+  // `wrap`, when given, chooses the socket's channel (NftSocket.h).
   static std::unique_ptr<NftWatch> open(Pell::TaskSchedulerRoot& loop, int netnsFd,
-                                        std::function<void()> changed, std::string* error);
+                                        std::function<void()> changed, std::string* error,
+                                        const NftChannelWrap& wrap = {});
   NftWatch(const NftWatch&) = delete;
   NftWatch& operator=(const NftWatch&) = delete;
 

@@ -1,0 +1,94 @@
+// A flood of someone else's transactions on table filter, in a namespace
+// the nft backend writes, against the real kernel: the agent reads back at
+// most once per change it hears, writes only to repair what was broken,
+// does nothing in the other namespaces, and its rules stand at the end.
+// What the flood cost is printed, for the record; it is never asserted.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+
+#include "tests/agent/backend/nft/NftKernelFixture.h"
+
+namespace AclAgent {
+namespace {
+
+constexpr int kTransactions = 1000;
+// Every this many transactions, one flushes the agent's chain.
+constexpr int kFlushEvery = 100;
+
+double cpuSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+TEST_F(NftKernelTest, AFloodOfSomeoneElsesChangesCostsBoundedWork) {
+  namespaceIs("red");
+  namespaceIs("blue");
+  const ChainRules rules{{"INPUT", {kMdns, kGateway}}};
+  backend(Kind::kNft).vrfRulesIs("red", rules);
+  backend_->vrfRulesIs("blue", rules);
+  settle();
+
+  // One transaction a line (nft -i): a rule of someone else's added to its
+  // own chain and that chain flushed again, and now and then a flush of the
+  // agent's chain.
+  const std::string script = ::testing::TempDir() + "flood.nft";
+  {
+    std::ofstream out(script);
+    for (int i = 1; i <= kTransactions; ++i) {
+      if (i % kFlushEvery == 0) {
+        out << "flush chain ip filter ACLAGENT-INPUT\n";
+      } else if (i % 2 == 1) {
+        out << "add rule ip filter SOMEONE-ELSE tcp dport 23 accept\n";
+      } else {
+        out << "flush chain ip filter SOMEONE-ELSE\n";
+      }
+    }
+  }
+  const std::uint64_t reads = table_->reads();
+  const std::uint64_t transactions = table_->transactions();
+  const double cpu = cpuSeconds();
+  FILE* flood = ::popen((in("red") + "nft -i < " + script + " 2>&1").c_str(), "r");
+  ASSERT_NE(flood, nullptr);
+  std::string said;
+  bool ended = false;
+  {
+    // The loop runs while the flood does, as the agent's would.
+    Pell::FdWatch output(*loop_, ::fileno(flood), [&] {
+      char buffer[4096];
+      const ssize_t n = ::read(::fileno(flood), buffer, sizeof buffer);
+      if (n > 0) said.append(buffer, static_cast<std::size_t>(n));
+      if (n == 0) ended = true;
+    });
+    EXPECT_TRUE(awaitLoop([&] { return ended; }));
+  }
+  EXPECT_EQ(::pclose(flood), 0) << said;
+  EXPECT_TRUE(awaitLoop([&] { return backend_->idle() && holds("red", rules); }));
+  settle();
+  const double spent = cpuSeconds() - cpu;
+  const std::uint64_t readBacks = table_->reads() - reads;
+  const std::uint64_t written = table_->transactions() - transactions;
+
+  constexpr int kFlushes = kTransactions / kFlushEvery;
+  std::cout << "flood of " << kTransactions << " transactions (" << kFlushes
+            << " flushes of the agent's chain): " << readBacks << " read-backs ("
+            << static_cast<double>(readBacks) / kTransactions << " a transaction), " << written
+            << " writes, " << spent * 1e6 / kTransactions << " us of CPU a transaction\n";
+  // At most one read-back for each change heard, and one to check each
+  // write; a write only where the agent's chain was flushed, plus one
+  // again for each that the next foreign change beat to the kernel.
+  EXPECT_LE(readBacks, static_cast<std::uint64_t>(kTransactions) + written);
+  EXPECT_GE(written, 1u);
+  EXPECT_LE(written, 2u * kFlushes);
+  EXPECT_TRUE(holds("red", rules));
+  EXPECT_EQ(status("red").state, State::kOk) << errors_.str();
+  EXPECT_EQ(status("blue").writes, 1u);
+}
+
+}  // namespace
+}  // namespace AclAgent

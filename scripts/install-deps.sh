@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(g++ binutils cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev libedit-dev
-          libmnl-dev libnftnl-dev iptables nftables iproute2 procps clang libclang-rt-14-dev)
+          libmnl-dev libnftnl-dev iptables nftables iproute2 procps clang libclang-rt-14-dev
+          dpkg-dev fakeroot lintian)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -12,6 +12,12 @@
 // `acl-agent ctl: error: MESSAGE` for the words. Exit status: 0, 1 when a
 // command failed, 2 when no agent answers at the path (or it went away) or
 // for a usage error.
+//
+// `--timeout SECONDS` (default 60) bounds each wait: for the agent to take
+// the connection, and for each line's answer. An agent that does not answer
+// in time is one that does not answer: exit 2, with `acl-agent ctl: the
+// agent at PATH did not answer within N s` (1 would say that the agent ran
+// the command and it failed, which the client cannot know).
 #pragma once
 
 namespace AclAgent {

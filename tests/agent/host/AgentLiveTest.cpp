@@ -105,5 +105,34 @@ TEST_F(AgentLiveTest, LiveModeKeepsNoCallLogAndShowCallsSaysSo) {
   EXPECT_EQ(out.str(), "");
 }
 
+// A reload's configuration: what changed is written in one turn and the
+// plugins refresh once for it; what did not change makes no refresh at all.
+// The plugin refreshes 10 ms after a change, on a timer of the loop: turning
+// the loop until a timer due later has fired has run any refresh due before.
+TEST_F(AgentLiveTest, AChangedLiveConfigurationIsOneRefreshAndAnUnchangedOneNone) {
+  Agent& agent = start();
+  ASSERT_TRUE(runUntil([&] { return readies_ > 0; })) << errors_.str();
+  // Each refresh of the plugin finishes VRF default twice: its multicast DNS
+  // rule and its gateway rule.
+  const auto refreshes = [&] { return agent.ruleService().finishes(L3::VrfName("default")) / 2; };
+  const auto pastRefreshWindow = [&] {
+    bool passed = false;
+    Pell::BackgroundTimer later(loop_, "testLater", [&] { passed = true; });
+    later.armIn(200'000'000);
+    EXPECT_TRUE(runUntil([&] { return passed; }));
+  };
+  pastRefreshWindow();
+  const std::uint64_t before = refreshes();
+
+  EXPECT_TRUE(agent.liveConfigIs(std::nullopt, {"v-*"}, 60'000'000'000));
+  pastRefreshWindow();
+  EXPECT_EQ(refreshes(), before + 1);
+
+  EXPECT_FALSE(agent.liveConfigIs(std::nullopt, {"v-*"}, 60'000'000'000));
+  pastRefreshWindow();
+  EXPECT_EQ(refreshes(), before + 1);
+  EXPECT_TRUE(runUntil([&] { return loop_->workInFlight() == 0; }));
+}
+
 }  // namespace
 }  // namespace AclAgent

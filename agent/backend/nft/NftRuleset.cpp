@@ -125,8 +125,9 @@ std::optional<std::string> readGeneration(NftSocket& socket, std::uint32_t* gene
 
 namespace {
 
-// One dump of the chains and rules of table filter.
-std::optional<std::string> readOnce(NftSocket& socket, NftRuleset* ruleset) {
+// One dump of the chains and rules of table filter; `*changed` when the
+// ruleset changed while it was listed.
+std::optional<std::string> readOnce(NftSocket& socket, NftRuleset* ruleset, bool* changed) {
   char buffer[MNL_SOCKET_BUFFER_SIZE];
   std::string error;
   int code = 0;
@@ -153,8 +154,10 @@ std::optional<std::string> readOnce(NftSocket& socket, NftRuleset* ruleset) {
         ruleset->saved.chains[name];
         ruleset->handles[name];
       },
-      &error);
-  if (!ok) return "cannot read the chains of table filter: " + error;
+      &error, &code);
+  *changed = code == EINTR;
+  if (!ok && !*changed) return "cannot read the chains of table filter: " + error;
+  if (*changed) return std::nullopt;
   request =
       nftnl_nlmsg_build_hdr(buffer, NFT_MSG_GETRULE, NFPROTO_IPV4, NLM_F_DUMP, socket.nextSeq());
   Owned<nftnl_rule> filter = newRule({});
@@ -169,8 +172,9 @@ std::optional<std::string> readOnce(NftSocket& socket, NftRuleset* ruleset) {
         ruleset->saved.chains[chain].push_back(savedRule(rule.get()));
         ruleset->handles[chain].push_back(nftnl_rule_get_u64(rule.get(), NFTNL_RULE_HANDLE));
       },
-      &error);
-  if (!ok) return "cannot read the rules of table filter: " + error;
+      &error, &code);
+  *changed = code == EINTR;
+  if (!ok && !*changed) return "cannot read the rules of table filter: " + error;
   return std::nullopt;
 }
 
@@ -181,7 +185,9 @@ std::optional<std::string> readRuleset(NftSocket& socket, NftRuleset* ruleset) {
     *ruleset = NftRuleset();
     std::uint32_t after = 0;
     if (auto error = readGeneration(socket, &ruleset->generation)) return error;
-    if (auto error = readOnce(socket, ruleset)) return error;
+    bool changed = false;
+    if (auto error = readOnce(socket, ruleset, &changed)) return error;
+    if (changed) continue;
     if (auto error = readGeneration(socket, &after)) return error;
     if (after == ruleset->generation) return std::nullopt;
   }

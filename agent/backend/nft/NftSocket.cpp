@@ -140,41 +140,57 @@ NftSocket::~NftSocket() = default;
 
 bool NftSocket::dump(const nlmsghdr* request, const std::function<void(const nlmsghdr*)>& each,
                      std::string* error, int* code) {
+  int failed = 0;
+  const auto fail = [&](int errorNumber, std::string message) {
+    failed = errorNumber;
+    if (code) *code = errorNumber;
+    *error = std::move(message);
+  };
   if (code) *code = 0;
   if (channel_->send(request, request->nlmsg_len) < 0) {
-    if (code) *code = errno;
-    *error = failure("cannot ask nf_tables");
+    fail(errno, failure("cannot ask nf_tables"));
     return false;
   }
   std::vector<char> buffer(kReceiveBuffer);
-  auto callback = [](const nlmsghdr* message, void* data) {
-    (*static_cast<const std::function<void(const nlmsghdr*)>*>(data))(message);
-    return MNL_CB_OK;
-  };
+  // A change made while the kernel listed flags the answer: read to its end
+  // all the same, so that nothing of it is left for the next request.
+  bool interrupted = false;
   for (;;) {
     const ssize_t n = channel_->receive(buffer.data(), buffer.size());
     if (n < 0 && errno == EAGAIN) {
       pollfd ready{channel_->fd(), POLLIN, 0};
       if (::poll(&ready, 1, kDumpWaitMs) <= 0) {
-        if (code) *code = ETIMEDOUT;
-        *error = "nf_tables did not answer within " + std::to_string(kDumpWaitMs / 1000) + " s";
+        fail(ETIMEDOUT,
+             "nf_tables did not answer within " + std::to_string(kDumpWaitMs / 1000) + " s");
         return false;
       }
       continue;
     }
     if (n < 0) {
-      if (code) *code = errno;
-      *error = failure("cannot read nf_tables' answer");
+      fail(errno, failure("cannot read nf_tables' answer"));
       return false;
     }
-    const int result = mnl_cb_run(buffer.data(), static_cast<std::size_t>(n), request->nlmsg_seq,
-                                  channel_->portId(), callback,
-                                  const_cast<std::function<void(const nlmsghdr*)>*>(&each));
-    if (result == MNL_CB_STOP) return true;
-    if (result == MNL_CB_ERROR) {
-      if (code) *code = errno;
-      *error = failure("nf_tables refused to answer");
-      return false;
+    int left = static_cast<int>(n);
+    for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+         mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+      // What is left of an answer to an earlier request that was given up.
+      if (message->nlmsg_seq != request->nlmsg_seq) continue;
+      interrupted |= (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+      if (message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR) {
+        // Both carry the status first: 0, or a negative error number.
+        int status = 0;
+        if (mnl_nlmsg_get_payload_len(message) >= sizeof status) {
+          std::memcpy(&status, mnl_nlmsg_get_payload(message), sizeof status);
+        }
+        if (status < 0) {
+          errno = -status;
+          fail(-status, failure("nf_tables refused to answer"));
+        } else if (interrupted) {
+          fail(EINTR, "the ruleset changed while nf_tables listed it");
+        }
+        return failed == 0;
+      }
+      if (message->nlmsg_type >= NLMSG_MIN_TYPE) each(message);
     }
   }
 }

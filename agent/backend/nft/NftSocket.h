@@ -102,10 +102,11 @@ class NftSocket {
   NftSocket& operator=(const NftSocket&) = delete;
 
   std::uint32_t nextSeq() { return ++seq_; }
-  // Sends `request` (one message; NLM_F_DUMP or a plain get) and calls
-  // `each` with every answer, until the end. False with `*error` set when
-  // the kernel answered with an error or the socket failed; `*code` then
-  // holds the errno.
+  // Sends `request` (one message; NLM_F_DUMP or a plain get with NLM_F_ACK)
+  // and calls `each` with every answer, until the end. False with `*error`
+  // set when the kernel answered with an error or the socket failed; `*code`
+  // then holds the errno: EINTR when the ruleset changed while it was
+  // listed (the answer, read to its end, may have missed some of it).
   bool dump(const nlmsghdr* request, const std::function<void(const nlmsghdr*)>& each,
             std::string* error, int* code = nullptr);
   // Sends `batch` as one transaction and collects the kernel's answer.

@@ -117,12 +117,14 @@ class NftKernelTest : public ::testing::Test {
   }
   // Runs the loop's descriptor handlers, as the agent does between
   // commands (no resync, no task), until `done` holds; false when it still
-  // does not after 30 s.
-  bool awaitLoop(const std::function<bool()>& done) {
+  // does not after 30 s. With `timers`, the virtual clock also moves on as
+  // the wall clock does, so that retries come when they are due.
+  bool awaitLoop(const std::function<bool()>& done, bool timers = false) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < deadline) {
       if (done()) return true;
-      loop_->pollFds(100'000'000);
+      loop_->pollFds(10'000'000);
+      if (timers) loop_->advance(10'000'000);
     }
     return done();
   }

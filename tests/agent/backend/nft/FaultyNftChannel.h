@@ -17,6 +17,7 @@
 // Threading: the event thread only.
 #pragma once
 
+#include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
 
@@ -111,7 +112,7 @@ class FaultyNftChannel : public NftChannel {
     if (faults_->refuseMessageWith.empty()) return nullptr;
     const auto* message = static_cast<const nlmsghdr*>(data);
     int left = static_cast<int>(size);
-    for (; NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
       const std::string_view bytes(reinterpret_cast<const char*>(message), message->nlmsg_len);
       if (bytes.find(faults_->refuseMessageWith) != std::string_view::npos) return message;
     }

@@ -2,36 +2,25 @@
 // command line wins, option by option), and reading it again for a running
 // agent.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "agent/cli/CommandLine.h"
+#include "tests/agent/TestFolder.h"
 
 namespace AclAgent {
 namespace {
 
 class ConfigurationTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/config-test-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    file_ = dir_ + "/agent.conf";
-    plugin_ = dir_ + "/plugin.so";
-    std::ofstream(plugin_) << "";
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
+  void SetUp() override { std::ofstream(plugin_) << ""; }
 
   void write(const std::string& text) { std::ofstream(file_, std::ios::trunc) << text; }
   // Parses `args` (after the program's name); the exit status when it stops.
   std::optional<int> parse(std::vector<std::string> args, CommandLine& line) {
     args.insert(args.begin(), "acl-agent");
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv = argvOf(args);
     std::streambuf* saved = std::cerr.rdbuf(errors_.rdbuf());
     auto status =
         parseCommandLine(static_cast<int>(args.size()), argv.data(), plugin_, "test", line);
@@ -39,9 +28,10 @@ class ConfigurationTest : public ::testing::Test {
     return status;
   }
 
-  std::string dir_;
-  std::string file_;
-  std::string plugin_;
+  TestFolder folder_{"config-test"};
+  const std::string dir_ = folder_.path();
+  const std::string file_ = dir_ + "/agent.conf";
+  const std::string plugin_ = dir_ + "/plugin.so";
   std::ostringstream errors_;
 };
 

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/agent/TestFolder.h"
+
 namespace AclAgent {
 namespace {
 
@@ -21,16 +23,8 @@ using ::testing::HasSubstr;
 
 class ControlClientTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/acl-ctl-test-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    path_ = dir_ + "/control";
-  }
   void TearDown() override {
     for (int fd : fds_) close(fd);
-    unlink(path_.c_str());
-    rmdir(dir_.c_str());
   }
 
   sockaddr_un address() const {
@@ -52,16 +46,15 @@ class ControlClientTest : public ::testing::Test {
 
   // Runs `acl-agent ctl` with ARGS; its standard error in `err_`.
   int ctl(std::vector<std::string> args) {
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
+    std::vector<char*> argv = argvOf(args);
     ::testing::internal::CaptureStderr();
-    const int status = runControlClient(static_cast<int>(argv.size()), argv.data());
+    const int status = runControlClient(static_cast<int>(args.size()), argv.data());
     err_ = ::testing::internal::GetCapturedStderr();
     return status;
   }
 
-  std::string dir_;
-  std::string path_;
+  TestFolder folder_{"acl-ctl-test"};
+  const std::string path_ = folder_.path() + "/control";
   std::vector<int> fds_;
   std::string err_;
 };

@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "agent/control/ControlServer.h"
+#include "tests/agent/TestFolder.h"
 
 namespace AclAgent {
 namespace {
@@ -19,18 +20,11 @@ constexpr Pell::Nanoseconds kDeadline = 30'000'000'000;
 
 class ControlServerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    loop_->wallClockIs(true);
-    char dir[] = "/tmp/control-test-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    path_ = dir_ + "/sub/control";
-  }
+  void SetUp() override { loop_->wallClockIs(true); }
   void TearDown() override {
     server_.reset();
     for (int fd : fds_) close(fd);
     loop_->wallClockIs(false);
-    std::filesystem::remove_all(dir_);
   }
 
   void start(ControlServerOptions options = {}) {
@@ -76,8 +70,9 @@ class ControlServerTest : public ::testing::Test {
   }
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
-  std::string dir_;
-  std::string path_;
+  TestFolder folder_{"control-test"};
+  const std::string dir_ = folder_.path();
+  const std::string path_ = dir_ + "/sub/control";
   std::unique_ptr<ControlServer> server_;
   std::vector<int> fds_;
   std::map<int, AnswerReader> readers_;

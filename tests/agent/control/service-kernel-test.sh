@@ -88,9 +88,7 @@ export JOURNAL_STREAM=$(stat -c '%d:%i' "$work/agent.err")
 export NOTIFY_SOCKET="@$notify_name" WATCHDOG_USEC=400000 RUNTIME_DIRECTORY=$work/run
 start_agent --config "$conf"
 unset JOURNAL_STREAM NOTIFY_SOCKET WATCHDOG_USEC RUNTIME_DIRECTORY
-first=
-read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-  give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+await_ready
 
 # --- readiness, status and the watchdog
 await_line "$work/notify" '^READY=1$'

@@ -19,20 +19,35 @@ deadline=${ACL_TEST_DEADLINE:-30}
 [[ "$deadline" =~ ^[1-9][0-9]*$ ]] ||
   { echo "ACL_TEST_DEADLINE must be a whole number of seconds, not [$deadline]"; exit 2; }
 
+skip() {
+  echo "skipped: $*"
+  exit 77
+}
+
+# Re-runs the calling script (SCRIPT ARGS...) as root inside private mount
+# and network namespaces, noting the outer network namespace in
+# ACL_OUTER_NETNS, and once inside gives it its own /run with lo up; skips
+# unless the tools named in TOOLS (a space-separated list) are installed.
+enter_namespaces() {
+  local tools=$1
+  shift
+  if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
+    [ "$(id -u)" = 0 ] || skip "needs root for network namespaces and the kernel's tables"
+    for tool in unshare mount ip $tools; do
+      command -v "$tool" > /dev/null || skip "$tool is not installed"
+    done
+    unshare -m -n true 2> /dev/null || skip "cannot make private namespaces here"
+    ACL_OUTER_NETNS=$(readlink /proc/self/ns/net) ACL_PRIVATE_NAMESPACE=1 \
+      exec unshare -m -n -- bash "$@"
+  fi
+  mount -t tmpfs tmpfs /run && mkdir -p /run/netns || skip "cannot mount a private /run"
+  ip link set lo up
+}
+
 # Re-runs the calling script inside the private namespaces, or exits 77.
 enter_private_namespace() {
-  if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
-    [ "$(id -u)" = 0 ] || { echo "skipped: needs root for network namespaces and iptables"; exit 77; }
-    for tool in unshare ip iptables-restore iptables-save; do
-      command -v "$tool" > /dev/null || { echo "skipped: $tool is not installed"; exit 77; }
-    done
-    unshare -m -n true 2> /dev/null || { echo "skipped: cannot make private namespaces here"; exit 77; }
-    ACL_PRIVATE_NAMESPACE=1 exec unshare -m -n -- bash "$@"
-  fi
-  mount -t tmpfs tmpfs /run && mkdir -p /run/netns ||
-    { echo "skipped: cannot mount a private /run"; exit 77; }
-  ip link set lo up
-  iptables-save > /dev/null 2>&1 || { echo "skipped: iptables cannot run here"; exit 77; }
+  enter_namespaces "iptables-restore iptables-save" "$@"
+  iptables-save > /dev/null 2>&1 || skip "iptables cannot run here"
   work=$(mktemp -d)
   trap end_test EXIT
   failures=0
@@ -91,6 +106,17 @@ finish() {
     exit 1
   fi
   echo "all checks passed"
+}
+
+# Namespace NAME joined to ours by "h-NAME" (10.78.N.1, up) here and
+# "v-NAME" (10.78.N.2, left down) there, with lo up there.
+vrf_namespace() {
+  local name=$1 n=$2
+  ip netns add "$name"
+  ip link add "h-$name" type veth peer name "v-$name"
+  ip link set "v-$name" netns "$name"
+  ip addr add "10.78.$n.1/24" dev "h-$name" && ip link set "h-$name" up
+  ip -n "$name" addr add "10.78.$n.2/24" dev "v-$name" && ip -n "$name" link set lo up
 }
 
 # Reads one line from descriptor FD into the variable named VAR, waiting
@@ -152,6 +178,14 @@ start_agent() {
     2> "$work/agent.err" &
   agent_pid=$!
   exec 7> "$work/agent.in" 8< "$work/agent.out"
+}
+
+# Waits for the agent's first line, "ready"; without it the test ends,
+# saying that WHO (the agent by default) ended or did not say it in time.
+await_ready() {
+  local who=${1:-the agent ended, or} first=
+  read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
+    give_up "$who did not say ready within ${deadline}s: [$first]"
 }
 
 # Sends the commands and keeps what they printed in $work/answer. An agent

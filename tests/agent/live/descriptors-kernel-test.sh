@@ -36,9 +36,7 @@ done
 real_agent=$agent agent=prlimit
 start_agent "--nofile=$soft:$hard" -- "$real_agent" --backend "$kind" --live --apply --gateway-setting 5353 \
   --resync 3600
-first=
-read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-  give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+await_ready
 
 limits=$(grep '^Max open files' "/proc/$agent_pid/limits")
 read -r -a words <<< "$limits"
@@ -75,9 +73,7 @@ signal_agent TERM
 # is followed, default included, is in place, and no write lacks descriptors
 start_agent "--nofile=100:100" -- "$real_agent" --backend "$kind" --live --apply --gateway-setting 5353 \
   --resync 3600
-first=
-read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-  give_up "the agent at a hard limit of 100 did not say ready within ${deadline}s: [$first]"
+await_ready "the agent at a hard limit of 100"
 ask "show applied"
 known=$(grep -c '^applied ' "$work/answer")
 in_place=$(grep -c 'state=ok rules=1 ' "$work/answer")

@@ -50,9 +50,7 @@ await_kernel_links() {
 # Starts the agent with its dumps traced, and waits for its "ready".
 start_traced_agent() {
   start_agent --live --trace LiveMode/0
-  local first=
-  read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-    give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+  await_ready
 }
 
 # `ip -b` commands on veth pairs PREFIX1 N / PREFIX2 N for N from FIRST to

@@ -14,16 +14,10 @@ source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
 enter_private_namespace "$0" "$@"
 use_backend "${3:-iptables}"
 
-# Namespace NAME joined to ours by "h-NAME" here and "v-NAME" there (left
-# down), with INPUT policy DROP there.
-vrf_namespace() {
-  local name=$1 n=$2
-  ip netns add "$name"
-  ip link add "h-$name" type veth peer name "v-$name"
-  ip link set "v-$name" netns "$name"
-  ip addr add "10.78.$n.1/24" dev "h-$name" && ip link set "h-$name" up
-  ip -n "$name" addr add "10.78.$n.2/24" dev "v-$name" && ip -n "$name" link set lo up
-  ip netns exec "$name" iptables -P INPUT DROP
+# vrf_namespace (kernel-test-lib.sh) with INPUT policy DROP there.
+dropping_namespace() {
+  vrf_namespace "$@"
+  ip netns exec "$1" iptables -P INPUT DROP
 }
 
 # The real iptables-save, noting which namespace each read-back is of (the
@@ -41,9 +35,7 @@ chmod +x "$work/iptables-save"
 # before the first `ip netns add`.
 rmdir /run/netns
 start_agent --live --apply --mdns-intf 'v-*' --resync 3600 "${saves[@]}"
-first=
-read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-  give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+await_ready
 
 # Asks COMMAND again, a moment apart, until a line of the answer matches
 # PATTERN (with a third argument: until none does), since the kernel's news
@@ -64,7 +56,7 @@ await() {
 red_rule='rule ipt=0 acl=0 vrf="red" dir=0 chain="INPUT" owner="McastDnsAclPlugin" seq=0'
 
 # --- the first namespace makes /run/netns, which is followed from then on
-vrf_namespace red 1
+dropping_namespace red 1
 await "show state" 'intf set "red/v-red" "red"'
 
 # --- a namespace that appears is read back alone, not every VRF with it
@@ -108,7 +100,7 @@ await "show rules" "$red_rule"
 
 # --- a namespace deleted and made again starts from its own state: the old
 # one's rule does not stand in it
-vrf_namespace green 2
+dropping_namespace green 2
 ip -n green link set v-green up
 await "show applied" 'vrf="green" netns="green" state=ok rules=1'
 ip netns del green
@@ -188,11 +180,9 @@ signal_agent TERM
 
 # --- a template naming the VRF twice is read alike live, when applying and
 # when removing: VRF gold is namespace gold-gold, and red is no VRF's
-vrf_namespace gold-gold 3
+dropping_namespace gold-gold 3
 start_agent --live --apply --netns '%s-%s' --mdns-intf 'v-*' --resync 3600
-first=
-read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-  give_up "the agent with --netns %s-%s did not say ready within ${deadline}s: [$first]"
+await_ready "the agent with --netns %s-%s"
 await "show state" 'vrf add global "gold"'
 await "show state" 'vrf add global "red"' absent
 ip -n gold-gold link set v-gold-gold up

@@ -20,10 +20,6 @@
 set -uo pipefail
 real_agent=$1 unit=$2 case=$3
 source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
-skip() {
-  echo "skipped: $*"
-  exit 77
-}
 command -v setpriv > /dev/null || skip "setpriv (util-linux) is not installed"
 user=nobody
 id "$user" > /dev/null 2>&1 || skip "there is no user $user to run the agent as"
@@ -99,17 +95,8 @@ if [ "$case" = iptables-legacy ]; then
     fail "the legacy programs wrote as $user without CAP_NET_RAW"
 fi
 
-# Namespace NAME joined to ours by "h-NAME" here and "v-NAME" there, up.
-vrf_namespace() {
-  local name=$1 n=$2
-  ip netns add "$name"
-  ip link add "h-$name" type veth peer name "v-$name"
-  ip link set "v-$name" netns "$name"
-  ip addr add "10.78.$n.1/24" dev "h-$name" && ip link set "h-$name" up
-  ip -n "$name" link set lo up && ip -n "$name" link set "v-$name" up
-}
-vrf_namespace red 1
-vrf_namespace blue 2
+vrf_namespace red 1 && ip -n red link set v-red up
+vrf_namespace blue 2 && ip -n blue link set v-blue up
 
 # Waits until NAMESPACE's filter table holds the rule (yes) or not (no).
 await_rule() {
@@ -125,9 +112,7 @@ await_rule() {
 }
 
 start_agent --live --apply --mdns-intf 'v-*' --resync 3600 "${programs[@]}"
-first=
-read_until 8 first $((SECONDS + deadline)) && [ "$first" = ready ] ||
-  give_up "the agent ended, or did not say ready within ${deadline}s: [$first]"
+await_ready
 
 # --- it runs as the user, with exactly the capabilities of the case
 want=0

@@ -5,55 +5,20 @@
 // and the VRF namespaces are made with `ip netns add`, each holding rules of
 // someone else's that must survive everything byte for byte.
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <regex>
-#include <sstream>
 
-#include "agent/backend/Backend.h"
-#include "agent/backend/iptables/IptablesText.h"
+#include "tests/agent/kernel/KernelTestSupport.h"
 
 namespace AclAgent {
 namespace {
 
 using ::testing::StartsWith;
-using State = VrfStatus::State;
 
-const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
-const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
-const std::regex kCounters(R"(\[[0-9]+:[0-9]+\])");
-
-// Runs `command` with sh; its output, standard error included.
-std::string shell(const std::string& command) {
-  FILE* pipe = ::popen(("exec 2>&1\n" + command).c_str(), "r");
-  std::string out;
-  char buffer[4096];
-  for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
-    out.append(buffer, n);
-  }
-  const int status = pipe ? ::pclose(pipe) : -1;
-  EXPECT_EQ(status, 0) << command << ":\n" << out;
-  return out;
-}
-
-// Whether the test runs in another network namespace than the script that
-// started it: never in the machine's own, whatever else the environment says.
-bool inPrivateNamespaces() {
-  const char* outer = std::getenv("ACL_OUTER_NETNS");
-  std::error_code error;
-  const auto own = std::filesystem::read_symlink("/proc/self/ns/net", error);
-  return outer && *outer && !error && own.string() != outer;
-}
-
-class IptablesKernelTest : public ::testing::Test {
+class IptablesKernelTest : public KernelBackendTest {
  protected:
   void SetUp() override {
     if (!inPrivateNamespaces()) {
@@ -61,6 +26,7 @@ class IptablesKernelTest : public ::testing::Test {
     }
     const char* family = std::getenv("IPTABLES_FAMILY");
     family_ = family ? family : "nft";
+    iptables_ = "iptables-" + family_;
     char folder[] = "/tmp/acl-kernel-XXXXXX";
     ASSERT_NE(::mkdtemp(folder), nullptr);
     dir_ = folder;
@@ -85,10 +51,9 @@ class IptablesKernelTest : public ::testing::Test {
     backend_.reset();
     if (dir_.empty()) return;
     shell("ip -all netns delete");
-    shell(
-        "printf '*filter\\n:INPUT ACCEPT [0:0]\\n:FORWARD ACCEPT [0:0]\\n:OUTPUT ACCEPT "
-        "[0:0]\\nCOMMIT\\n' | iptables-" +
-        family_ + "-restore");
+    iptables("",
+             "-restore <<'EOF'\n*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\n"
+             ":OUTPUT ACCEPT [0:0]\nCOMMIT\nEOF");
     std::filesystem::remove_all(dir_);
   }
 
@@ -96,50 +61,10 @@ class IptablesKernelTest : public ::testing::Test {
     if (!backend_) backend_ = makeBackend(loop_, options_, errors_);
     return *backend_;
   }
-  void settle() { ASSERT_TRUE(loop_->settle()); }
-  VrfStatus status(const std::string& vrf) {
-    for (const auto& s : backend().statuses()) {
-      if (s.vrf == vrf) return s;
-    }
-    ADD_FAILURE() << "no VRF " << vrf;
-    return {};
-  }
   int restores() { return std::stoi(shell("cat " + dir_ + "/restores 2>/dev/null | wc -l")); }
 
-  // Runs iptables of the family in network namespace `netns` ("": ours).
-  std::string iptables(const std::string& netns, const std::string& args) {
-    const std::string where = netns.empty() ? "" : "ip netns exec " + netns + " ";
-    return shell(where + "iptables-" + family_ + args);
-  }
-  // A VRF namespace holding rules of someone else's.
-  void namespaceIs(const std::string& netns) {
-    shell("ip netns add " + netns);
-    iptables(netns,
-             "-restore --noflush <<'EOF'\n*filter\n:INPUT DROP [0:0]\n:SOMEONE-ELSE - [0:0]\n"
-             "-A INPUT -p icmp -j ACCEPT\n-A INPUT -j SOMEONE-ELSE\n"
-             "-A SOMEONE-ELSE -p tcp --dport 22 -m comment --comment \"ssh access\" -j ACCEPT\n"
-             "COMMIT\nEOF");
-  }
-  // The filter table without comment lines and counters.
-  std::string saved(const std::string& netns) {
-    std::istringstream in(iptables(netns, "-save -t filter"));
-    std::string out;
-    for (std::string line; std::getline(in, line);) {
-      if (!line.starts_with("#")) out += std::regex_replace(line, kCounters, "[0:0]") + "\n";
-    }
-    return out;
-  }
-  // Whether `netns` holds `rules` in place, as the backend reads it back.
-  bool holds(const std::string& netns, const ChainRules& rules) {
-    return inPlace(parseSave(iptables(netns, "-save -t filter")), rules);
-  }
-
-  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
   std::string family_;
   std::string dir_;
-  BackendOptions options_;
-  std::ostringstream errors_;
-  std::unique_ptr<Backend> backend_;
 };
 
 TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrite) {

@@ -12,24 +12,9 @@ if [ $# -ne 2 ]; then
   exit 2
 fi
 program=$1 family=$2
-skip() {
-  echo "skipped: $*"
-  exit 77
-}
-
-if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
-  [ "$(id -u)" = 0 ] || skip "needs root for network namespaces and iptables"
-  for tool in unshare mount ip "iptables-$family-restore" "iptables-$family-save"; do
-    command -v "$tool" > /dev/null || skip "$tool is not installed"
-  done
-  unshare -m -n true 2> /dev/null || skip "cannot make private namespaces here"
-  # The tests check that they run in another network namespace than this.
-  ACL_OUTER_NETNS=$(readlink /proc/self/ns/net) ACL_PRIVATE_NAMESPACE=1 \
-    exec unshare -m -n -- bash "$0" "$@"
-fi
-
-mount -t tmpfs tmpfs /run && mkdir -p /run/netns || skip "cannot mount a private /run"
-ip link set lo up
+source "$(dirname "$0")/../../kernel/kernel-test-lib.sh"
+# The tests check that they run in another network namespace than this.
+enter_namespaces "iptables-$family-restore iptables-$family-save" "$0" "$@"
 printf '*filter\nCOMMIT\n' | "iptables-$family-restore" --noflush 2> /dev/null ||
   skip "iptables-$family-restore cannot run here (the kernel needs netfilter for it)"
 IPTABLES_FAMILY=$family exec "$program"

@@ -27,12 +27,8 @@ double cpuSeconds() {
 }
 
 TEST_F(NftKernelTest, AFloodOfSomeoneElsesChangesCostsBoundedWork) {
-  namespaceIs("red");
-  namespaceIs("blue");
   const ChainRules rules{{"INPUT", {kMdns, kGateway}}};
-  backend(Kind::kNft).vrfRulesIs("red", rules);
-  backend_->vrfRulesIs("blue", rules);
-  settle();
+  redAndBlueHold(rules);
 
   // One transaction a line (nft -i): a rule of someone else's added to its
   // own chain and that chain flushed again, and now and then a flush of the

@@ -1,8 +1,6 @@
 // NftKernelTest: the fixture of the nft backend's real-kernel tests, run by
-// nft-kernel-test.sh as root inside private mount and network namespaces
-// with their own /run: the test's own namespace is VRF default, the VRF
-// namespaces are made with `ip netns add`, and what iptables-save prints is
-// the judge of sameness.
+// nft-kernel-test.sh (see KernelTestSupport.h), able to make either backend
+// so that each can be judged against the other.
 //
 //   TEST_F(NftKernelTest, Something) {
 //     namespaceIs("red");
@@ -12,50 +10,17 @@
 //   }
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <regex>
-#include <sstream>
 
-#include "agent/backend/Backend.h"
 #include "agent/backend/VrfApplier.h"
-#include "agent/backend/iptables/IptablesText.h"
 #include "agent/backend/nft/NftTable.h"
+#include "tests/agent/kernel/KernelTestSupport.h"
 
 namespace AclAgent {
 
-inline const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
-inline const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
-inline const std::regex kCounters(R"(\[[0-9]+:[0-9]+\])");
-
-inline std::string shell(const std::string& command) {
-  FILE* pipe = ::popen(("exec 2>&1\n" + command).c_str(), "r");
-  std::string out;
-  char buffer[4096];
-  for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
-    out.append(buffer, n);
-  }
-  const int status = pipe ? ::pclose(pipe) : -1;
-  EXPECT_EQ(status, 0) << command << ":\n" << out;
-  return out;
-}
-
-inline bool inPrivateNamespaces() {
-  const char* outer = std::getenv("ACL_OUTER_NETNS");
-  std::error_code error;
-  const auto own = std::filesystem::read_symlink("/proc/self/ns/net", error);
-  return outer && *outer && !error && own.string() != outer;
-}
-
-class NftKernelTest : public ::testing::Test {
+class NftKernelTest : public KernelBackendTest {
  protected:
   using Kind = BackendOptions::Kind;
-  using State = VrfStatus::State;
 
   void SetUp() override {
     if (!inPrivateNamespaces()) {
@@ -85,35 +50,14 @@ class NftKernelTest : public ::testing::Test {
     }
     return *backend_;
   }
-  void settle() { ASSERT_TRUE(loop_->settle()); }
-  VrfStatus status(const std::string& vrf) {
-    for (const auto& s : backend_->statuses()) {
-      if (s.vrf == vrf) return s;
-    }
-    ADD_FAILURE() << "no VRF " << vrf;
-    return {};
-  }
-  std::string in(const std::string& netns) {
-    return netns.empty() ? "" : "ip netns exec " + netns + " ";
-  }
-  // A VRF namespace holding rules of someone else's.
-  void namespaceIs(const std::string& netns) {
-    shell("ip netns add " + netns);
-    shell(in(netns) +
-          "iptables-nft-restore --noflush <<'EOF'\n*filter\n:INPUT DROP [0:0]\n"
-          ":SOMEONE-ELSE - [0:0]\n-A INPUT -p icmp -j ACCEPT\n-A INPUT -j SOMEONE-ELSE\n"
-          "-A SOMEONE-ELSE -p tcp --dport 22 -m comment --comment \"ssh access\" -j ACCEPT\n"
-          "COMMIT\nEOF");
-  }
-  // The filter table as iptables-save prints it, without comment lines and
-  // counters.
-  std::string saved(const std::string& netns) {
-    std::istringstream lines(shell(in(netns) + "iptables-nft-save -t filter"));
-    std::string out;
-    for (std::string line; std::getline(lines, line);) {
-      if (!line.starts_with("#")) out += std::regex_replace(line, kCounters, "[0:0]") + "\n";
-    }
-    return out;
+  // Namespaces red and blue, each holding rules of someone else's and
+  // `rules` written by the nft backend.
+  void redAndBlueHold(const ChainRules& rules) {
+    namespaceIs("red");
+    namespaceIs("blue");
+    backend(Kind::kNft).vrfRulesIs("red", rules);
+    backend_->vrfRulesIs("blue", rules);
+    settle();
   }
   // Runs the loop's descriptor handlers, as the agent does between
   // commands (no resync, no task), until `done` holds; false when it still
@@ -128,14 +72,7 @@ class NftKernelTest : public ::testing::Test {
     }
     return done();
   }
-  bool holds(const std::string& netns, const ChainRules& rules) {
-    return inPlace(parseSave(shell(in(netns) + "iptables-nft-save -t filter")), rules);
-  }
 
-  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
-  BackendOptions options_;
-  std::ostringstream errors_;
-  std::unique_ptr<Backend> backend_;
   NftTable* table_ = nullptr;
 };
 

@@ -102,12 +102,8 @@ TEST_F(NftKernelTest, EachKindOfDriftIsRepairedByOneTransaction) {
 }
 
 TEST_F(NftKernelTest, SomeoneElsesEditIsRepairedAsItHappensAndOnlyWhereItHappened) {
-  namespaceIs("red");
-  namespaceIs("blue");
   const ChainRules rules{{"INPUT", {kMdns, kGateway}}};
-  backend(Kind::kNft).vrfRulesIs("red", rules);
-  backend_->vrfRulesIs("blue", rules);
-  settle();
+  redAndBlueHold(rules);
   const std::string good = saved("red");
   auto repaired = [&](std::uint64_t repairs) {
     return awaitLoop([&] {

@@ -9,20 +9,18 @@
 namespace AclAgent {
 namespace {
 
-NftRule parsed(const std::string& text) {
-  auto result = parseRule(text);
-  if (auto* error = std::get_if<std::string>(&result)) {
-    ADD_FAILURE() << text << ": " << *error;
-    return {};
-  }
-  return std::get<NftRule>(result);
-}
-
-std::string refusal(const std::string& text) {
+// Why `text` is refused; "" when it is accepted, its meaning then in `rule`.
+std::string refusal(const std::string& text, NftRule* rule = nullptr) {
   auto result = parseRule(text);
   if (auto* error = std::get_if<std::string>(&result)) return *error;
-  ADD_FAILURE() << text << " was accepted";
-  return {};
+  if (rule) *rule = std::get<NftRule>(result);
+  return "";
+}
+
+NftRule parsed(const std::string& text) {
+  NftRule rule;
+  EXPECT_EQ(refusal(text, &rule), "") << text;
+  return rule;
 }
 
 TEST(NftRuleTest, TheSubsetMeansWhatIptablesReadsInIt) {

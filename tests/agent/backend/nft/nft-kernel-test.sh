@@ -12,22 +12,7 @@ if [ $# -ne 1 ]; then
   exit 2
 fi
 program=$1
-skip() {
-  echo "skipped: $*"
-  exit 77
-}
-
-if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
-  [ "$(id -u)" = 0 ] || skip "needs root for network namespaces and nf_tables"
-  for tool in unshare mount ip nft iptables-nft iptables-nft-restore iptables-nft-save; do
-    command -v "$tool" > /dev/null || skip "$tool is not installed"
-  done
-  unshare -m -n true 2> /dev/null || skip "cannot make private namespaces here"
-  ACL_OUTER_NETNS=$(readlink /proc/self/ns/net) ACL_PRIVATE_NAMESPACE=1 \
-    exec unshare -m -n -- bash "$0" "$@"
-fi
-
-mount -t tmpfs tmpfs /run && mkdir -p /run/netns || skip "cannot mount a private /run"
-ip link set lo up
+source "$(dirname "$0")/../../kernel/kernel-test-lib.sh"
+enter_namespaces "nft iptables-nft iptables-nft-restore iptables-nft-save" "$0" "$@"
 nft list ruleset > /dev/null 2>&1 || skip "the kernel has no nf_tables here"
 exec "$program"

@@ -86,7 +86,8 @@ void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
       ASSERT_TRUE(std::getline(text, line));
       EXPECT_EQ(meaning.kind == Kind::kRule, line.starts_with("-A ")) << line;
       if (meaning.kind == Kind::kRule) {
-        EXPECT_TRUE(line.ends_with(" " + meaning.rule)) << line;
+        EXPECT_EQ(line, "-A " + ownedChain(meaning.chain) + " " + meaning.rule +
+                            " -m comment --comment \"" + ruleTag(meaning.rule) + "\"");
       }
     }
     EXPECT_FALSE(std::getline(text, line)) << "lines without a meaning";

@@ -133,12 +133,15 @@ void BM_ReadBackOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
 }
 
 // Flushes the agent's chain from a process of its own, as someone else
-// would; the time just before its transaction, or -1 when it failed.
-std::int64_t flushFromAnotherProcess() {
+// would; the time just before its transaction, or -1 when it failed. The
+// process is left to end on its own (`*child`, to reap): its exit releases
+// its netlink socket, which waits in the kernel for tens of milliseconds,
+// and that wait is the other process's, not the repair's.
+std::int64_t flushFromAnotherProcess(pid_t* child) {
   int times[2];
   if (::pipe(times) != 0) return -1;
-  const pid_t child = ::fork();
-  if (child == 0) {
+  *child = ::fork();
+  if (*child == 0) {
     std::string error;
     std::unique_ptr<AclAgent::NftSocket> socket = AclAgent::NftSocket::open(-1, &error);
     std::int64_t start = -1;
@@ -161,9 +164,8 @@ std::int64_t flushFromAnotherProcess() {
   }
   ::close(times[1]);
   std::int64_t start = -1;
-  if (child < 0 || ::read(times[0], &start, sizeof start) != sizeof start) start = -1;
+  if (*child < 0 || ::read(times[0], &start, sizeof start) != sizeof start) start = -1;
   ::close(times[0]);
-  if (child > 0) ::waitpid(child, nullptr, 0);
   return start;
 }
 
@@ -187,13 +189,16 @@ void BM_RepairForeignFlush(benchmark::State& state) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     state.ResumeTiming();
     const std::uint64_t before = repairs();
-    const std::int64_t start = flushFromAnotherProcess();
+    pid_t child = -1;
+    const std::int64_t start = flushFromAnotherProcess(&child);
     if (start < 0) {
+      if (child > 0) ::waitpid(child, nullptr, 0);
       state.SkipWithError("the foreign flush failed");
       break;
     }
     loop->runUntil([&] { return repairs() > before && backend->idle(); });
     const double seconds = double(nowNs(CLOCK_MONOTONIC) - start) / 1e9;
+    ::waitpid(child, nullptr, 0);
     state.SetIterationTime(seconds);
     took.push_back(seconds * 1e6);
   }

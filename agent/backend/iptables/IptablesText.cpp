@@ -265,7 +265,9 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
     const std::string owned = ownedChain(chain);
     add(":" + owned + " - [0:0]", {Kind::kChain, chain, {}});
     for (const std::string& text : rules) {
-      add("-A " + owned + " -m comment --comment \"" + ruleTag(text) + "\" " + text,
+      // The comment comes last, so that iptables-save prints it after the
+      // rule's own matches, as it prints the nft backend's comment.
+      add("-A " + owned + " " + text + " -m comment --comment \"" + ruleTag(text) + "\"",
           {Kind::kRule, chain, text});
     }
     const std::vector<SavedRule>& inChain = rulesOf(chain);

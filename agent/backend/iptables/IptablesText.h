@@ -12,12 +12,13 @@
 //   }
 //
 // The rules of kernel chain C stand in the owned chain `ownedChain(C)`, each
-// tagged with a comment match holding `ruleTag(text)`; C holds one plain jump
-// to it, as its first rule. Read-back compares tags only, so it never depends
-// on how the kernel writes a rule back. A chain whose name starts with
-// `kOwnedPrefix` is the agent's only as `agentsChain` says; one of the
-// agent's that should not stand is removed with its jumps, or left empty
-// where someone else's rule jumps to it.
+// tagged with a comment match holding `ruleTag(text)`, written after the
+// rule's own options; C holds one plain jump to it, as its first rule.
+// Read-back compares tags only, so it never depends on how the kernel writes
+// a rule back. A chain whose name starts with `kOwnedPrefix` is the agent's
+// only as `agentsChain` says; one of the agent's that should not stand is
+// removed with its jumps, or left empty where someone else's rule jumps to
+// it.
 //
 // Threading: none; pure functions.
 #pragma once

@@ -3,11 +3,11 @@
 #include <arpa/inet.h>
 #include <libnftnl/expr.h>
 #include <libnftnl/rule.h>
+#include <libnftnl/udata.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <netinet/in.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -24,8 +24,9 @@ constexpr std::uint32_t kSourceOffset = 12;
 constexpr std::uint32_t kDestinationOffset = 16;
 // The longest interface name (IFNAMSIZ less its NUL).
 constexpr std::size_t kMaxInterface = 15;
-// The size of the comment match's information (struct xt_comment_info).
-constexpr std::size_t kCommentInfo = 256;
+// The longest comment the kernel keeps with a rule, its NUL included
+// (NFT_USERDATA_MAXLEN less the attribute's own header).
+constexpr std::size_t kMaxComment = 254;
 
 std::optional<unsigned> number(std::string_view text, unsigned max) {
   if (text.empty() || text.size() > 5) return std::nullopt;
@@ -248,16 +249,19 @@ void address(nftnl_rule* rule, std::uint32_t offset, const NftRule::Prefix& p) {
   equal(rule, p.address.data(), 4);
 }
 
+// The tag is kept as the rule's comment in its user data, where
+// iptables-save reads it as "-m comment --comment" after the rule's other
+// matches. Not as an xtables comment match: the kernel makes every
+// transaction that adds one wait until what the transaction before it
+// deleted is released, about one RCU grace period (10-20 ms here).
 void comment(nftnl_rule* rule, std::string_view tag) {
-  // The match keeps the buffer it is given and frees it with itself.
-  auto* info = static_cast<char*>(std::calloc(kCommentInfo, 1));
-  if (!info) throw std::bad_alloc();
-  std::memcpy(info, tag.data(), std::min(tag.size(), kCommentInfo - 1));
-  nftnl_expr* e = nftnl_expr_alloc("match");
-  nftnl_expr_set_str(e, NFTNL_EXPR_MT_NAME, "comment");
-  nftnl_expr_set_u32(e, NFTNL_EXPR_MT_REV, 0);
-  nftnl_expr_set(e, NFTNL_EXPR_MT_INFO, info, kCommentInfo);
-  add(rule, e);
+  const std::string text(tag.substr(0, kMaxComment - 1));
+  nftnl_udata_buf* data = nftnl_udata_buf_alloc(kMaxComment + 2);
+  if (!data) throw std::bad_alloc();
+  nftnl_udata_put_strz(data, NFTNL_UDATA_RULE_COMMENT, text.c_str());
+  nftnl_rule_set_data(rule, NFTNL_RULE_USERDATA, nftnl_udata_buf_data(data),
+                      nftnl_udata_buf_len(data));
+  nftnl_udata_buf_free(data);
 }
 
 // Both ports are compared at once, as iptables does.
@@ -306,7 +310,6 @@ void addExpressions(nftnl_rule* rule, const NftRule& parsed, std::string_view ta
   }
   if (parsed.source) address(rule, kSourceOffset, *parsed.source);
   if (parsed.destination) address(rule, kDestinationOffset, *parsed.destination);
-  comment(rule, tag);
   ports(rule, parsed);
   counter(rule);
   switch (parsed.verdict) {
@@ -320,6 +323,7 @@ void addExpressions(nftnl_rule* rule, const NftRule& parsed, std::string_view ta
       verdict(rule, static_cast<std::uint32_t>(NFT_RETURN), nullptr);
       break;
   }
+  comment(rule, tag);
 }
 
 void addJump(nftnl_rule* rule, std::string_view chain) {

@@ -16,8 +16,10 @@
 // than written with another meaning.
 //
 // Expressions, in iptables' order: input and output interface, protocol,
-// source, destination, the comment match holding the tag, the ports, a
-// counter, the verdict.
+// source, destination, the ports, a counter, the verdict; the tag is the
+// rule's comment, kept in its user data. iptables-save prints that comment
+// after the rule's matches, where the iptables backend writes its comment
+// match, so both print the same line.
 //
 // Threading: none; pure functions.
 #pragma once

@@ -21,7 +21,7 @@ namespace AclAgent {
 namespace {
 
 // Room enough for the largest message the agent builds (a rule with its
-// comment match is well under 1 KiB).
+// comment is well under 1 KiB).
 constexpr std::size_t kMessageRoom = 4096;
 // How long a dump may wait for the kernel's next answer. The kernel makes
 // each part as it is read, so this is only a bound against the unforeseen.

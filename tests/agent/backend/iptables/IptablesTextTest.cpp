@@ -24,7 +24,7 @@ using Kind = RestoreLine::Kind;
 
 const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
 const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
-const std::string kMdnsTagged = "-m comment --comment \"acl-agent:e9d62c288cd25bbc\" " + kMdns;
+const std::string kMdnsTagged = kMdns + " -m comment --comment \"acl-agent:e9d62c288cd25bbc\"";
 
 std::string sample(const std::string& name) {
   std::ifstream in(std::string(IPTABLES_SAMPLES_DIR) + "/" + name);
@@ -86,7 +86,8 @@ void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
       ASSERT_TRUE(std::getline(text, line));
       EXPECT_EQ(meaning.kind == Kind::kRule, line.starts_with("-A ")) << line;
       if (meaning.kind == Kind::kRule) {
-        EXPECT_TRUE(line.ends_with(" " + meaning.rule)) << line;
+        EXPECT_EQ(line, "-A " + ownedChain(meaning.chain) + " " + meaning.rule +
+                            " -m comment --comment \"" + ruleTag(meaning.rule) + "\"");
       }
     }
     EXPECT_FALSE(std::getline(text, line)) << "lines without a meaning";

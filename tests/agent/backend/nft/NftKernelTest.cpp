@@ -38,6 +38,12 @@ TEST_F(NftKernelTest, EachRuleOfTheSubsetReadsBackAsIptablesRestoreWritesIt) {
     const std::string written = saved("ipt-" + std::to_string(i));
     EXPECT_NE(written.find("acl-agent:"), std::string::npos) << texts[i] << "\n" << written;
     EXPECT_EQ(saved("nft-" + std::to_string(i)), written) << texts[i];
+    // Native expressions only: a transaction that adds an xtables match
+    // waits in the kernel for the release of what the one before it deleted.
+    const std::string expressions = shell(
+        in("nft-" + std::to_string(i)) + "nft --debug=netlink list chain ip filter ACLAGENT-INPUT");
+    EXPECT_NE(expressions.find("[ immediate reg 0 "), std::string::npos) << expressions;
+    EXPECT_EQ(expressions.find("[ match "), std::string::npos) << texts[i] << "\n" << expressions;
   }
 }
 

@@ -82,7 +82,7 @@ await_ready
 # Run inside the namespace, so that neither the flap nor the polls pay for
 # entering it. A poll is one `iptables -S` (the resolution of the figure).
 ip netns exec lat1 bash -c '
-  has_rule() { iptables -S | grep -q -- "--dport 5353"; }
+  has_rule() { iptables -S | grep -- "--dport 5353" > /dev/null; }
   for _ in $(seq 5000); do has_rule && break; sleep 0.001; done
   has_rule || { echo "the rule never appeared" >&2; exit 1; }
   iptables-save -t filter > "$1/up"

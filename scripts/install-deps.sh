@@ -8,7 +8,7 @@ packages=(g++ binutils cmake ninja-build libgtest-dev libgmock-dev libbenchmark-
           dpkg-dev fakeroot lintian)
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep "install ok installed" > /dev/null || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 

@@ -70,8 +70,9 @@ root=$work/root
 dpkg-deb -x "$deb" "$root"
 "$root/usr/bin/acl-agent" --version > "$work/version" 2>&1
 [ "$(cat "$work/version")" = "acl-agent $version" ] || fail "--version printed: $(cat "$work/version")"
-ldd "$root/usr/bin/acl-agent" | grep -q "libzovplatform.so => $root/usr/bin/../lib/acl-agent/libzovplatform.so" ||
-  fail "the program does not take its library from beside itself: $(ldd "$root/usr/bin/acl-agent")"
+libraries=$(ldd "$root/usr/bin/acl-agent")
+[[ "$libraries" == *"libzovplatform.so => $root/usr/bin/../lib/acl-agent/libzovplatform.so"* ]] ||
+  fail "the program does not take its library from beside itself: $libraries"
 # A scenario with its expected output; the plugin can only come from the
 # unpacked tree (the build tree's is not where the program looks from there).
 bash "$source_dir/tests/golden/run-golden.sh" "$root/usr/bin/acl-agent" examples/demo > "$work/golden" 2>&1 ||

@@ -88,7 +88,7 @@ for drift in "-F $owned" "-D INPUT -j $owned" "-I INPUT 1 -p tcp --dport 7 -j AC
 done
 ip netns exec red iptables -D INPUT -p tcp --dport 7 -j ACCEPT
 # An edit made with nft, where iptables is the nf_tables variant.
-if iptables --version | grep -q nf_tables && command -v nft > /dev/null; then
+if iptables --version | grep nf_tables > /dev/null && command -v nft > /dev/null; then
   ip netns exec red nft flush chain ip filter "$owned"
   ask "resync" "settle"
   writes=$((writes + 1))
@@ -121,7 +121,7 @@ use_backend "$other_backend"
 # --- removal, and someone else's rules byte for byte
 run_agent --remove-applied || fail "--remove-applied failed"
 for name in red blue; do
-  ip netns exec "$name" iptables-save | grep -q "$owned" && fail "$name still holds $owned"
+  ip netns exec "$name" iptables-save | grep "$owned" > /dev/null && fail "$name still holds $owned"
 done
 [ "$(foreign_rules red)" = "$before" ] || fail "someone else's rules changed in red:
 $(diff <(echo "$before") <(foreign_rules red))"

@@ -65,7 +65,7 @@ await_ctl() {
   done
   fail "after ctl $*: expected [$pattern] within ${deadline}s in: $(cat "$work/ctl.out" "$work/ctl.err")"
 }
-default_has_rule() { iptables-save -t filter | grep -q -- '--dport 8853'; }
+default_has_rule() { iptables-save -t filter | grep -- '--dport 8853' > /dev/null; }
 await_default() {
   local want=$1 end=$((SECONDS + deadline))
   until { default_has_rule && [ "$want" = yes ]; } || { ! default_has_rule && [ "$want" = no ]; }; do

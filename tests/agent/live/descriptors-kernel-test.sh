@@ -57,11 +57,11 @@ done
 grep -q 'vrf="default" netns="" state=ok rules=1 ' "$work/answer" || fail "VRF default is not in place"
 missing=0
 for ((n = 1; n <= namespaces; n++)); do
-  ip netns exec "ns$n" iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q 'dport 5353' ||
+  ip netns exec "ns$n" iptables -S ACLAGENT-INPUT 2> /dev/null | grep 'dport 5353' > /dev/null ||
     missing=$((missing + 1))
 done
 [ "$missing" = 0 ] || fail "$missing of $namespaces namespaces have no rule in the kernel"
-iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q '^-A ACLAGENT-INPUT' ||
+iptables -S ACLAGENT-INPUT 2> /dev/null | grep '^-A ACLAGENT-INPUT' > /dev/null ||
   fail "the agent's own namespace has no rule in the kernel"
 echo "descriptors open with $namespaces namespaces followed: $(ls "/proc/$agent_pid/fd" | wc -l)"
 
@@ -99,7 +99,7 @@ done
 taken=$(grep ': followed now: ' "$work/agent.err" | grep -o 'vrf "ns[0-9]*"' | grep -o 'ns[0-9]*')
 for name in $taken; do
   end=$((SECONDS + deadline))
-  until ip netns exec "$name" iptables -S ACLAGENT-INPUT 2> /dev/null | grep -q 'dport 5353'; do
+  until ip netns exec "$name" iptables -S ACLAGENT-INPUT 2> /dev/null | grep 'dport 5353' > /dev/null; do
     [ "$SECONDS" -lt "$end" ] || { fail "namespace $name was taken up but has no rule"; break; }
     sleep 0.1
   done

@@ -30,7 +30,7 @@ case $case in
   nft) use_backend nft
        caps=(net_admin sys_admin) ;;
   iptables-nft) use_backend iptables
-       iptables-restore --version 2> /dev/null | grep -q nf_tables ||
+       iptables-restore --version 2> /dev/null | grep nf_tables > /dev/null ||
          skip "the iptables-restore on PATH is not the nf_tables variant"
        caps=(net_admin sys_admin) ;;
   iptables-legacy) use_backend iptables
@@ -103,7 +103,7 @@ await_rule() {
   local name=$1 want=$2 end=$((SECONDS + deadline)) has
   while true; do
     has=no
-    ip netns exec "$name" "${list[@]}" 2> /dev/null | grep -q -- '--dport 5353' && has=yes
+    ip netns exec "$name" "${list[@]}" 2> /dev/null | grep -- '--dport 5353' > /dev/null && has=yes
     [ "$has" = "$want" ] && return 0
     [ "$SECONDS" -lt "$end" ] || break
     sleep 0.05
@@ -157,7 +157,7 @@ await_rule red yes
 "$agent" ${backend:+--backend "$backend"} "${programs[@]}" --remove-applied 2> "$work/remove.err" ||
   fail "--remove-applied failed: $(cat "$work/remove.err")"
 for name in red blue; do
-  ip netns exec "$name" "${list[@]}" | grep -q ACLAGENT &&
+  ip netns exec "$name" "${list[@]}" | grep ACLAGENT > /dev/null &&
     fail "--remove-applied left in $name: $(ip netns exec "$name" "${list[@]}")"
 done
 

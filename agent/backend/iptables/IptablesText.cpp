@@ -199,12 +199,8 @@ std::optional<std::string> drift(const SavedTable& saved, const ChainRules& want
       }
     }
   }
-  for (const auto& [name, rules] : saved.chains) {
-    if (!name.starts_with(kOwnedPrefix) || !agentsChain(saved, wanted, name)) continue;
-    auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
-    if (stands == wanted.end() || stands->second.empty()) {
-      return "chain " + quoteName(name) + " stands with no rule of the agent's to hold";
-    }
+  if (const std::vector<std::string> going = chainsGoing(saved, wanted); !going.empty()) {
+    return "chain " + quoteName(going.front()) + " stands with no rule of the agent's to hold";
   }
   return std::nullopt;
 }
@@ -234,6 +230,16 @@ bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::s
   return kernelChain != saved.chains.end() &&
          std::any_of(kernelChain->second.begin(), kernelChain->second.end(),
                      [&](const SavedRule& rule) { return plainJump(rule, name); });
+}
+
+std::vector<std::string> chainsGoing(const SavedTable& saved, const ChainRules& wanted) {
+  std::vector<std::string> going;
+  for (const auto& [name, rules] : saved.chains) {
+    if (!agentsChain(saved, wanted, name)) continue;
+    auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
+    if (stands == wanted.end() || stands->second.empty()) going.push_back(name);
+  }
+  return going;
 }
 
 RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
@@ -284,12 +290,7 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
     add("-I " + chain + " 1 -j " + owned, {Kind::kChain, chain, {}});
   }
   // The agent's chains that go; rules in them jump nowhere afterwards.
-  std::vector<std::string> going;
-  for (const auto& [name, rules] : saved.chains) {
-    if (!agentsChain(saved, wanted, name)) continue;
-    auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
-    if (stands == wanted.end() || stands->second.empty()) going.push_back(name);
-  }
+  const std::vector<std::string> going = chainsGoing(saved, wanted);
   auto rewritten = [&](const std::string& chain) {
     return std::find(going.begin(), going.end(), chain) != going.end() ||
            (chain.starts_with(kOwnedPrefix) && wanted.contains(chain.substr(kOwnedPrefix.size())));

@@ -83,6 +83,9 @@ std::vector<std::string> splitWords(std::string_view spec);
 // agent made; a chain named so that is not is someone else's and is never
 // touched. REQUIRES: no chain of `wanted` is named like an owned chain.
 bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::string& name);
+// The agent's chains in `saved` that must go to make `wanted` stand (their
+// chain has no rule now), in the table's order.
+std::vector<std::string> chainsGoing(const SavedTable& saved, const ChainRules& wanted);
 
 // Whether `saved` holds exactly `wanted`: for each chain with rules, its
 // owned chain holds just their tags, in order, and the chain's first rule is

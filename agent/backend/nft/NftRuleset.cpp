@@ -335,12 +335,7 @@ KernelTable::WriteResult writeRuleset(NftSocket& socket, const NftRuleset& from,
     transaction.jumpOnTop(chain, owned);
   }
   // The agent's chains that go, as restoreInput decides.
-  std::vector<std::string> going;
-  for (const auto& [name, rules] : saved.chains) {
-    if (!agentsChain(saved, to, name)) continue;
-    auto stands = to.find(name.substr(kOwnedPrefix.size()));
-    if (stands == to.end() || stands->second.empty()) going.push_back(name);
-  }
+  const std::vector<std::string> going = chainsGoing(saved, to);
   auto rewritten = [&](const std::string& chain) {
     return std::find(going.begin(), going.end(), chain) != going.end() ||
            (chain.starts_with(kOwnedPrefix) && to.contains(chain.substr(kOwnedPrefix.size())));

@@ -55,6 +55,10 @@ class KernelTable {
       std::optional<std::string> rule;
     };
     std::optional<Refusal> refused;
+    // Set, with `error`, when someone else changed the table between the
+    // read the write was made from and the write, and the table refused it
+    // whole for that: not a fault, and made again after a new read.
+    bool raced = false;
     // What a write that succeeded left undone on purpose (a chain of the
     // agent's emptied but kept while someone else's rule jumps to it); each
     // is reported the first time it is seen.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr Pell::Nanoseconds kFirstRetry = 100'000'000;
 constexpr Pell::Nanoseconds kLastRetry = 30'000'000'000;
+constexpr Pell::Nanoseconds kFirstRace = 1'000'000;
 constexpr const char* kNoNamespace = "no namespace";
 
 std::size_t ruleCount(const ChainRules& rules) {
@@ -42,6 +43,7 @@ struct VrfApplier::Vrf {
     kInPlace,      // what was last read back or written is what must stand
     kNoNamespace,  // the namespace does not exist; nothing stands in it
     kRetryDue,     // the last job failed; `retry` runs it again
+    kRaced,        // the last write lost to someone else's; `retry` reads back
   };
 
   std::string name;
@@ -68,6 +70,7 @@ struct VrfApplier::Vrf {
   std::set<std::string> warned;
 
   Pell::Nanoseconds retryDelay = 0;
+  Pell::Nanoseconds raceDelay = 0;
   std::unique_ptr<Pell::BackgroundTimer> retry;
 };
 
@@ -173,6 +176,7 @@ VrfStatus::State VrfApplier::shownState(const Vrf& vrf) const {
       return State::kFailed;
     case Vrf::Step::kNew:
     case Vrf::Step::kWriting:
+    case Vrf::Step::kRaced:
       return State::kWriting;
     case Vrf::Step::kRetryDue:
       return State::kWaiting;
@@ -251,6 +255,8 @@ void VrfApplier::sync(Vrf& vrf) {
       vrf.again = true;
       return;
     case Vrf::Step::kQueued:
+    case Vrf::Step::kRaced:
+      // Read back soon anyway, with the latest rules.
       return;
     default:
       break;
@@ -354,6 +360,10 @@ void VrfApplier::handleRead(Vrf& vrf, KernelTable::ReadResult read) {
 }
 
 void VrfApplier::handleWrite(Vrf& vrf, KernelTable::WriteResult written) {
+  if (written.raced) {
+    raced(vrf, written.error);
+    return;
+  }
   if (written.error.empty()) {
     for (const std::string& warning : written.warnings) {
       if (vrf.warned.insert(warning).second) report(vrf, warning);
@@ -394,6 +404,7 @@ void VrfApplier::jobEnded() {
 
 void VrfApplier::succeeded(Vrf& vrf) {
   vrf.retryDelay = 0;
+  vrf.raceDelay = 0;
   vrf.error = leftOut(vrf);
   vrf.step = Vrf::Step::kInPlace;
   if (vrf.again) sync(vrf);
@@ -418,15 +429,32 @@ void VrfApplier::failed(Vrf& vrf, const std::string& message) {
   vrf.verifying = false;
   vrf.step = Vrf::Step::kRetryDue;
   vrf.retryDelay = vrf.retryDelay == 0 ? kFirstRetry : std::min(vrf.retryDelay * 2, kLastRetry);
+  retryIn(vrf, vrf.retryDelay);
+  // What must stand changed while this ran: try that at once.
+  if (vrf.again) sync(vrf);
+}
+
+void VrfApplier::raced(Vrf& vrf, const std::string& message) {
+  vrf.raceDelay = vrf.raceDelay == 0 ? kFirstRace : vrf.raceDelay * 2;
+  if (vrf.raceDelay > kFirstRetry) {
+    vrf.raceDelay = 0;
+    failed(vrf, message);
+    return;
+  }
+  vrf.step = Vrf::Step::kRaced;
+  retryIn(vrf, vrf.raceDelay);
+}
+
+void VrfApplier::retryIn(Vrf& vrf, Pell::Nanoseconds delay) {
   if (!vrf.retry) {
     vrf.retry = std::make_unique<Pell::BackgroundTimer>(loop_, "retryTask", [this, &vrf] {
+      // The wait is over: a raced VRF is now due like any other.
+      if (vrf.step == Vrf::Step::kRaced) vrf.step = Vrf::Step::kRetryDue;
       sync(vrf);
       pump();
     });
   }
-  vrf.retry->armIn(vrf.retryDelay);
-  // What must stand changed while this ran: try that at once.
-  if (vrf.again) sync(vrf);
+  vrf.retry->armIn(delay);
 }
 
 std::vector<VrfStatus> VrfApplier::statuses() const {

@@ -11,7 +11,9 @@
 //      ^  ^                +--> kWriting --> kQueued (read back to check it)
 //      |  |                +--> kNoNamespace       (waits for its namespace)
 //      |  +-- retry delay --- kRetryDue <-- a read or write failed, or the
-//      |                                    check found the write had no effect
+//      |  |                                 check found the write had no effect
+//      |  +-- race delay ---- kRaced <----- someone else's change beat the
+//      |                                    write to the kernel
 //      +-- a change, a resync (unless a retry is due), its namespace appearing
 //
 // and kUnapplicable for a name that can never be a namespace's. A VRF is
@@ -21,6 +23,10 @@
 // by one more job afterwards, always with the latest rules. At most
 // `maxJobs` reads and writes run at once.
 //
+// A write that someone else's change beat to the kernel (`raced`) is no
+// failure: the VRF is read back again after 1 ms, then 2, 4... while it keeps
+// losing, so that a table that is being rewritten is left to settle; once
+// that wait would pass the first retry's, it is reported as a failure.
 // A write counts as in place only once read back: when the read-back right
 // after a write that succeeded still differs from the rules written, "the
 // write did not take effect" is reported as a failure. A failure is
@@ -94,6 +100,9 @@ class VrfApplier : public Backend {
   void succeeded(Vrf& vrf);
   void namespaceMissing(Vrf& vrf);
   void failed(Vrf& vrf, const std::string& message);
+  void raced(Vrf& vrf, const std::string& message);
+  // Reads `vrf` back again after `delay`.
+  void retryIn(Vrf& vrf, Pell::Nanoseconds delay);
 
   Zov::Ptr<Pell::TaskSchedulerRoot> loop_;
   std::unique_ptr<KernelTable> table_;

@@ -257,6 +257,7 @@ class Transaction {
     if (outcome.error.empty()) return result;
     if (outcome.code == ERESTART) {
       result.error = "the ruleset changed between the read-back and the write";
+      result.raced = true;
       return result;
     }
     result.error = "nf_tables: " + outcome.error;

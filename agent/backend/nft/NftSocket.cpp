@@ -199,6 +199,10 @@ int NftSocket::fd() const {
   return channel_->fd();
 }
 
+std::uint32_t NftSocket::portId() const {
+  return channel_->portId();
+}
+
 bool NftSocket::drain(const std::function<void(const nlmsghdr*)>& each) {
   std::vector<char> buffer(kReceiveBuffer);
   bool whole = true;

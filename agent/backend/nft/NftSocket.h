@@ -116,6 +116,9 @@ class NftSocket {
   // False when some were lost (the socket overran: ENOBUFS).
   bool drain(const std::function<void(const nlmsghdr*)>& each);
   int fd() const;
+  // The socket's netlink port: what the kernel's notifications of the
+  // transactions it sends carry as their sender.
+  std::uint32_t portId() const;
 
  private:
   std::unique_ptr<NftChannel> channel_;

@@ -51,11 +51,12 @@ bool identify(int netnsFd, dev_t* device, ino_t* inode, std::string* error) {
 
 class NftTable::PostedJob : public KernelTable::Job {
  public:
-  PostedJob(NftTable& table, std::function<void()> finish)
-      : table_(table), finish(std::move(finish)) {}
+  PostedJob(NftTable& table, std::uint64_t number, std::function<void()> finish)
+      : table_(table), number(number), finish(std::move(finish)) {}
   ~PostedJob() override { table_.cancel(this); }
 
   NftTable& table_;
+  const std::uint64_t number;
   std::function<void()> finish;
 };
 
@@ -111,9 +112,14 @@ NftSocket* NftTable::socketFor(const std::string& vrf, int netnsFd, std::string*
   // so that the old namespace can go.
   kept.watch.reset();
   kept.socket = NftSocket::open(netnsFd, error, 0, wrap_);
+  kept.jumpingChains.clear();
   if (kept.socket) {
+    const std::set<std::string, std::less<>>& jumping = kept.jumpingChains;
     kept.watch = NftWatch::open(
-        *loop_, netnsFd,
+        *loop_, netnsFd, kept.socket->portId(),
+        [&jumping](std::string_view chain) {
+          return chain.starts_with(kOwnedPrefix) || jumping.contains(chain);
+        },
         [this, vrf] {
           if (driftListener_) driftListener_(vrf);
         },
@@ -133,27 +139,34 @@ void NftTable::vrfGone(const std::string& vrf) {
 }
 
 std::unique_ptr<KernelTable::Job> NftTable::post(std::function<void()> finish) {
-  auto job = std::make_unique<PostedJob>(*this, std::move(finish));
+  auto job = std::make_unique<PostedJob>(*this, postedCount_++, std::move(finish));
   posted_.push_back(job.get());
   loop_->workInFlightInc();
+  wake();
+  return job;
+}
+
+void NftTable::wake() {
   const std::uint64_t one = 1;
   if (::write(wakeFd_, &one, sizeof one) < 0 && errno != EAGAIN) {
     throw std::runtime_error(std::string("cannot wake the loop: ") + std::strerror(errno));
   }
-  return job;
 }
 
 void NftTable::runPosted() {
   std::uint64_t count = 0;
   if (::read(wakeFd_, &count, sizeof count) < 0 && errno != EAGAIN) return;
   // A `finish` may post again or end other jobs: each is taken off first.
-  while (!posted_.empty()) {
+  // What it posts waits for the next turn.
+  const std::uint64_t turnEnd = postedCount_;
+  while (!posted_.empty() && posted_.front()->number < turnEnd) {
     PostedJob* job = posted_.front();
     posted_.pop_front();
     loop_->workInFlightDec();
     std::function<void()> finish = std::move(job->finish);
     finish();
   }
+  if (!posted_.empty()) wake();
 }
 
 void NftTable::cancel(PostedJob* job) {
@@ -176,6 +189,11 @@ std::unique_ptr<KernelTable::Job> NftTable::read(const std::string& vrf, int net
     // The socket may be what failed: the next read opens a new one.
     sockets_.erase(vrf);
   } else {
+    std::set<std::string, std::less<>>& jumping = sockets_[vrf].jumpingChains;
+    jumping.clear();
+    for (const auto& [chain, rules] : ruleset.saved.chains) {
+      if (chain.starts_with(kOwnedPrefix)) jumping.insert(chain.substr(kOwnedPrefix.size()));
+    }
     read->snapshot = std::make_unique<RulesetSnapshot>(std::move(ruleset));
   }
   return post([read, done = std::move(done)] { done(std::move(*read)); });
@@ -188,6 +206,7 @@ std::unique_ptr<KernelTable::Job> NftTable::write(const std::string& vrf, int ne
   NftSocket* socket = socketFor(vrf, netnsFd, error);
   if (!socket) return nullptr;
   ++transactions_;
+  for (const auto& [chain, rules] : to) sockets_[vrf].jumpingChains.insert(chain);
   auto written = std::make_shared<WriteResult>(
       writeRuleset(*socket, static_cast<const RulesetSnapshot&>(from).ruleset(), to,
                    [this](const std::string& text) { return parsed(text); }));

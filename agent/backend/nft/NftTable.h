@@ -12,11 +12,17 @@
 // (the namespace's inode differs), and `vrfGone` closes the VRF's socket,
 // which would otherwise keep a deleted namespace alive. Beside it, an
 // `NftWatch` hears the namespace's ruleset change: a change by someone else
-// to table filter calls the drift listener with the VRF, which reads it
-// back (and repairs it) at once; the agent's own writes do not. A read or a write
-// is done at once, inside `read`/`write` (tens of microseconds); its `done`
-// runs from the loop afterwards, through a descriptor the loop watches, and
-// counts as work in flight until then, so `settle` and `drain` wait for it.
+// to the agent's chains, or to a chain that holds a jump to one, calls the
+// drift listener with the VRF, which reads it back (and repairs it) at once;
+// the agent's own writes do not. A read or a write is done at once, inside
+// `read`/`write` (tens of microseconds); its `done` runs from the loop in a
+// later turn, through a descriptor the loop watches, and counts as work in
+// flight until then, so `settle` and `drain` wait for it. A turn runs only
+// the `done`s posted before it began, so that a converge of many VRFs, whose
+// every `done` starts the next job, takes many short turns rather than one
+// long one, and the loop hears links and clients in between. A write that
+// someone else's change beat to the kernel is refused whole and said to be
+// `raced`.
 // Each distinct rule text is parsed once; one outside the subset that
 // NftRule.h expresses is refused by `ruleFault` and never written.
 //
@@ -28,6 +34,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <variant>
@@ -84,6 +91,10 @@ class NftTable : public KernelTable {
   struct VrfSocket {
     dev_t device = 0;
     ino_t inode = 0;
+    // The chains whose rules stand in an owned chain, each holding the jump
+    // to it, as far as the last read and write tell: with the owned chains,
+    // what the watch hears changes of.
+    std::set<std::string, std::less<>> jumpingChains;
     std::unique_ptr<NftSocket> socket;
     std::unique_ptr<NftWatch> watch;
   };
@@ -92,6 +103,7 @@ class NftTable : public KernelTable {
   const NftRule* parsed(const std::string& text) const;
   // `finish` runs from the loop, after the caller returned.
   std::unique_ptr<Job> post(std::function<void()> finish);
+  void wake();
   void runPosted();
   void cancel(PostedJob* job);
 
@@ -105,6 +117,8 @@ class NftTable : public KernelTable {
   int wakeFd_;
   Pell::FdWatch wake_;
   std::deque<PostedJob*> posted_;
+  // Numbers the jobs posted, so that a turn tells those posted during it.
+  std::uint64_t postedCount_ = 0;
 };
 
 }  // namespace AclAgent

@@ -66,6 +66,37 @@ TEST_F(NftFaultKernelTest, ARefusedTransactionIsReportedAndRetriedLaterAndWhatSt
   EXPECT_EQ(faults_->refused, 4);
 }
 
+TEST_F(NftFaultKernelTest, AWriteThatLosesARaceIsMadeAgainSoonAndReportedOnlyWhenItKeepsLosing) {
+  namespaceIs("red");
+  faultyBackend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  // Someone else's change beats every write to the kernel from now on.
+  faults_->transactionCode = ERESTART;
+  faults_->refuseTransactions = 100;
+  backend_->vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
+  settle();
+  // Read back and written again after 1 ms, 2, 4... unreported, and shown
+  // as being written, until the wait would pass a failure's first retry.
+  for (Pell::Nanoseconds delay = 1; delay <= 64; delay *= 2) {
+    EXPECT_EQ(status("red").state, State::kWriting);
+    EXPECT_EQ(errors_.str(), "");
+    ASSERT_EQ(loop_->nextDue() - loop_->now(), delay * kMs);
+    loop_->advance(delay * kMs);
+    settle();
+  }
+  EXPECT_EQ(faults_->transactions, 9);
+  EXPECT_EQ(errors_.str(),
+            "acl-agent: apply vrf \"red\": the ruleset changed between the read-back and the "
+            "write\n");
+  EXPECT_EQ(status("red").state, State::kWaiting);
+  ASSERT_EQ(loop_->nextDue() - loop_->now(), 100 * kMs);
+  faults_->refuseTransactions = 0;
+  loop_->advance(100 * kMs);
+  settle();
+  EXPECT_EQ(status("red").state, State::kOk);
+  EXPECT_TRUE(holds("red", {{"INPUT", {kMdns, kGateway}}}));
+}
+
 TEST_F(NftFaultKernelTest, ARuleTheKernelRefusesIsReportedOnceAndLeftOutAndTheRestIsWritten) {
   namespaceIs("red");
   const std::string port9 = "-p tcp --dport 9 -j ACCEPT";

@@ -10,6 +10,7 @@
 //   }
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 
 #include "agent/backend/VrfApplier.h"
@@ -64,11 +65,20 @@ class NftKernelTest : public KernelBackendTest {
   // does not after 30 s. With `timers`, the virtual clock also moves on as
   // the wall clock does, so that retries come when they are due.
   bool awaitLoop(const std::function<bool()>& done, bool timers = false) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    auto last = Clock::now();
+    while (Clock::now() < deadline) {
       if (done()) return true;
-      loop_->pollFds(10'000'000);
-      if (timers) loop_->advance(10'000'000);
+      Pell::Nanoseconds wait = 10'000'000;
+      if (timers && loop_->nextDue() >= 0) {
+        wait = std::clamp<Pell::Nanoseconds>(loop_->nextDue() - loop_->now(), 0, wait);
+      }
+      loop_->pollFds(wait);
+      if (!timers) continue;
+      const auto now = Clock::now();
+      loop_->advance(std::chrono::duration_cast<std::chrono::nanoseconds>(now - last).count());
+      last = now;
     }
     return done();
   }

@@ -211,5 +211,27 @@ TEST_F(NftKernelTest, ANamespaceMadeAgainGetsANewSocketAndAGoneOneKeepsNone) {
   EXPECT_EQ(errors_.str(), "");
 }
 
+TEST_F(NftKernelTest, AConvergeOfManyVrfsTakesManyShortTurnsOfTheLoop) {
+  // A job's end runs in the turn after the one that posted it, even when
+  // it starts the next job: one turn writes no more VRFs than run at once,
+  // and the loop hears links and clients in between.
+  const ChainRules rules{{"INPUT", {kMdns}}};
+  std::vector<std::string> vrfs;
+  for (int i = 0; i < 8; ++i) {
+    vrfs.push_back("v" + std::to_string(i));
+    namespaceIs(vrfs.back());
+  }
+  options_.maxJobs = 2;
+  backend(Kind::kNft);
+  for (const std::string& vrf : vrfs) backend_->vrfRulesIs(vrf, rules);
+  EXPECT_EQ(table_->transactions(), 0u);
+  loop_->pollFds(0);
+  EXPECT_EQ(table_->transactions(), 2u);
+  settle();
+  EXPECT_EQ(table_->transactions(), vrfs.size());
+  for (const std::string& vrf : vrfs) EXPECT_TRUE(holds(vrf, rules)) << vrf;
+  EXPECT_EQ(errors_.str(), "");
+}
+
 }  // namespace
 }  // namespace AclAgent

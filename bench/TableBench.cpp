@@ -11,7 +11,8 @@
 // CPU time for it (the iptables backend's children are not counted there,
 // they run beside it). Beside them, how soon the nft backend repairs a flush
 // of its chain by another process, from that process's transaction to the
-// repair read back.
+// repair read back, and what a flood of another process's transactions costs
+// it.
 #include <benchmark/benchmark.h>
 #include <libnftnl/rule.h>
 #include <linux/netfilter.h>
@@ -24,6 +25,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -31,7 +33,9 @@
 #include <vector>
 
 #include "agent/backend/Backend.h"
+#include "agent/backend/VrfApplier.h"
 #include "agent/backend/nft/NftSocket.h"
+#include "agent/backend/nft/NftTable.h"
 
 namespace bench {
 
@@ -214,6 +218,87 @@ void BM_RepairForeignFlush(benchmark::State& state) {
   loop->settle();
 }
 
+// A flood of another process's transactions on table filter, as in the
+// flood test: 1,000 transactions from one `nft -i`, every hundredth a flush
+// of the agent's chain and the rest on a chain of its own. From the flood's
+// start until it has ended and the agent's chain stands again, on the wall
+// clock, so that a write the flood beats is made again when the agent's
+// would be. `read_backs` and `writes` are what the flood cost the agent;
+// `cpu_us_per_foreign` its event thread's CPU per foreign transaction.
+void BM_ForeignFlood(benchmark::State& state) {
+  if (!inPrivateNamespaces()) {
+    state.SkipWithError("runs only inside the namespaces that bench/table-bench.sh makes");
+    return;
+  }
+  constexpr int kTransactions = 1000;
+  const std::string script = "/run/flood.nft";
+  {
+    std::ofstream out(script);
+    out << "add chain ip filter SOMEONE-ELSE\n";
+    for (int i = 1; i <= kTransactions; ++i) {
+      if (i % 100 == 0) {
+        out << "flush chain ip filter ACLAGENT-INPUT\n";
+      } else if (i % 2 == 1) {
+        out << "add rule ip filter SOMEONE-ELSE tcp dport 23 accept\n";
+      } else {
+        out << "flush chain ip filter SOMEONE-ELSE\n";
+      }
+    }
+  }
+  auto loop = Pell::TaskSchedulerRoot::findOrCreateScheduler();
+  loop->wallClockIs(true);
+  AclAgent::BackendOptions options;
+  options.resyncPeriod = 0;
+  auto owned = std::make_unique<AclAgent::NftTable>(loop);
+  AclAgent::NftTable& table = *owned;
+  AclAgent::VrfApplier backend(loop, std::move(owned), options, std::cerr);
+  const ChainRules rules{{"INPUT", {kMdns}}};
+  backend.vrfRulesIs("default", rules);
+  loop->settle();
+  std::uint64_t reads = 0, writes = 0;
+  std::int64_t cpu = 0;
+  for (auto _ : state) {
+    const std::uint64_t reads0 = table.reads(), writes0 = table.transactions();
+    const std::int64_t wall0 = nowNs(CLOCK_MONOTONIC);
+    const std::int64_t cpu0 = nowNs(CLOCK_THREAD_CPUTIME_ID);
+    FILE* flood = ::popen(("nft -i < " + script + " > /dev/null 2>&1; echo $?").c_str(), "r");
+    if (!flood) {
+      state.SkipWithError("cannot start nft");
+      break;
+    }
+    std::string said;
+    bool ended = false;
+    {
+      Pell::FdWatch output(*loop, ::fileno(flood), [&] {
+        char buffer[64];
+        const ssize_t n = ::read(::fileno(flood), buffer, sizeof buffer);
+        if (n > 0) said.append(buffer, static_cast<std::size_t>(n));
+        if (n <= 0) ended = true;
+      });
+      loop->runUntil([&] {
+        return ended && backend.idle() &&
+               backend.statuses().front().state == AclAgent::VrfStatus::State::kOk;
+      });
+    }
+    cpu += nowNs(CLOCK_THREAD_CPUTIME_ID) - cpu0;
+    state.SetIterationTime(double(nowNs(CLOCK_MONOTONIC) - wall0) / 1e9);
+    ::pclose(flood);
+    if (said != "0\n") {
+      state.SkipWithError("the flood failed");
+      break;
+    }
+    reads += table.reads() - reads0;
+    writes += table.transactions() - writes0;
+  }
+  const double n = double(state.iterations());
+  state.counters["read_backs"] = double(reads) / n;
+  state.counters["writes"] = double(writes) / n;
+  state.counters["cpu_us_per_foreign"] = double(cpu) / 1e3 / n / kTransactions;
+  backend.vrfRulesIs("default", ChainRules{});
+  loop->settle();
+  loop->wallClockIs(false);
+}
+
 BENCHMARK_CAPTURE(BM_WriteOneVrf, nft, BackendOptions::Kind::kNft, 0)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
@@ -236,6 +321,7 @@ BENCHMARK_CAPTURE(BM_ReadBackOneVrf, iptables, BackendOptions::Kind::kIptables)
     ->Unit(benchmark::kMicrosecond);
 
 BENCHMARK(BM_RepairForeignFlush)->UseManualTime()->Iterations(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ForeignFlood)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 }  // namespace bench
 

@@ -49,7 +49,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 agent=build/bench/agent/acl-agent
 
-# --- writes: iptables-restore runs counted by the agent (`show applied`)
+# --- writes: one iptables-restore run or one nft transaction each, counted by the
+# agent (`show applied`), with the backend `--backend auto` picks
 # The tests' agent driver: `start_agent`, `ask` and `stop_agent`, with waits
 # of up to two minutes: the first refresh of 1,024 VRFs takes a while.
 export ACL_TEST_DEADLINE=${ACL_TEST_DEADLINE:-120}
@@ -77,6 +78,7 @@ start=$(date +%s%N)
 ask "load" "settle"
 converge_ms=$((($(date +%s%N) - start) / 1000000))
 first=$(applied writes)
+backend=$(sed -n 's/.* backend=\([a-z]*\).*/\1/p' "$work/answer" | head -n 1)
 # The agent's resident memory now: each child it starts copies its page tables.
 rss=$(sed -n 's/^VmRSS:[[:space:]]*//p' "/proc/$agent_pid/status")
 [ "$(not_ok)" = 0 ] || { echo "some VRF is not in place:"; grep -v 'state=ok' "$work/answer"; }
@@ -90,8 +92,8 @@ stop_agent
 [ -s "$work/agent.err" ] && { echo "agent's standard error:"; cat "$work/agent.err"; }
 
 echo
-echo "iptables-restore runs, acl-agent with $vrfs VRFs, one link up in each"
-printf '  %-44s %6s %8s\n' "" runs expected
+echo "writes, acl-agent with $vrfs VRFs, one link up in each (backend ${backend:-unknown})"
+printf '  %-44s %6s %8s\n' "" writes expected
 printf '  %-44s %6s %8s\n' "load (first refresh, from nothing)" "$first" "$vrfs"
 printf '  %-44s %6s %8s\n' "a refresh that changes nothing" "$unchanged" 0
 printf '  %-44s %6s %8s\n' "a refresh that changes one VRF" "$one" 1

@@ -138,10 +138,16 @@ void BM_ReadBackOneVrf(benchmark::State& state, BackendOptions::Kind kind) {
 
 // Flushes the agent's chain from a process of its own, as someone else
 // would; the time just before its transaction, or -1 when it failed. The
-// process is left to end on its own (`*child`, to reap): its exit releases
-// its netlink socket, which waits in the kernel for tens of milliseconds,
-// and that wait is the other process's, not the repair's.
-std::int64_t flushFromAnotherProcess(pid_t* child) {
+// process is reaped by the caller (`*child`). With `*release` left at -1 it
+// ends at once, as `iptables -F` does: its exit releases its netlink
+// socket, and the kernel then flushes the release of what was deleted (an
+// RCU grace period, tens of milliseconds) holding the lock that every
+// transaction in the namespace takes, so a repair made meanwhile waits for
+// it. Given a `release`, it keeps its socket open until that descriptor is
+// closed, so what is timed is the agent's own part.
+std::int64_t flushFromAnotherProcess(pid_t* child, int* release = nullptr) {
+  int hold[2] = {-1, -1};
+  if (release && ::pipe(hold) != 0) return -1;
   int times[2];
   if (::pipe(times) != 0) return -1;
   *child = ::fork();
@@ -164,9 +170,19 @@ std::int64_t flushFromAnotherProcess(pid_t* child) {
       if (!socket->commit(batch).error.empty()) start = -1;
     }
     const bool sent = ::write(times[1], &start, sizeof start) == sizeof start;
+    if (hold[0] >= 0) {
+      ::close(hold[1]);
+      char byte;
+      while (::read(hold[0], &byte, 1) > 0) {
+      }
+    }
     ::_exit(sent ? 0 : 1);
   }
   ::close(times[1]);
+  if (release) {
+    ::close(hold[0]);
+    *release = hold[1];
+  }
   std::int64_t start = -1;
   if (*child < 0 || ::read(times[0], &start, sizeof start) != sizeof start) start = -1;
   ::close(times[0]);
@@ -176,7 +192,7 @@ std::int64_t flushFromAnotherProcess(pid_t* child) {
 // From another process's flush of the agent's chain to the repair in place:
 // heard on the notification socket, read back, written, and read back
 // again. `p50_us` and `p99_us` are over the iterations.
-void BM_RepairForeignFlush(benchmark::State& state) {
+void BM_RepairForeignFlush(benchmark::State& state, bool flusherStays) {
   if (!inPrivateNamespaces()) {
     state.SkipWithError("runs only inside the namespaces that bench/table-bench.sh makes");
     return;
@@ -194,15 +210,20 @@ void BM_RepairForeignFlush(benchmark::State& state) {
     state.ResumeTiming();
     const std::uint64_t before = repairs();
     pid_t child = -1;
-    const std::int64_t start = flushFromAnotherProcess(&child);
-    if (start < 0) {
+    int release = -1;
+    const std::int64_t start = flushFromAnotherProcess(&child, flusherStays ? &release : nullptr);
+    auto reap = [&] {
+      if (release >= 0) ::close(release);
       if (child > 0) ::waitpid(child, nullptr, 0);
+    };
+    if (start < 0) {
+      reap();
       state.SkipWithError("the foreign flush failed");
       break;
     }
     loop->runUntil([&] { return repairs() > before && backend->idle(); });
     const double seconds = double(nowNs(CLOCK_MONOTONIC) - start) / 1e9;
-    ::waitpid(child, nullptr, 0);
+    reap();
     state.SetIterationTime(seconds);
     took.push_back(seconds * 1e6);
   }
@@ -320,7 +341,14 @@ BENCHMARK_CAPTURE(BM_ReadBackOneVrf, iptables, BackendOptions::Kind::kIptables)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-BENCHMARK(BM_RepairForeignFlush)->UseManualTime()->Iterations(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_RepairForeignFlush, flusher_exits, false)
+    ->UseManualTime()
+    ->Iterations(100)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_RepairForeignFlush, flusher_stays, true)
+    ->UseManualTime()
+    ->Iterations(100)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ForeignFlood)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 }  // namespace bench

@@ -21,17 +21,11 @@ use_backend "${3:-iptables}"
 
 owned=ACLAGENT-INPUT
 
-# A VRF namespace NAME joined to ours by a veth pair: "h-NAME" here, "v-NAME"
-# there, INPUT policy DROP there, and rules of someone else's in place.
-vrf_namespace() {
-  local name=$1 n=$2
-  ip netns add "$name"
-  ip link add "h-$name" type veth peer name "v-$name"
-  ip link set "v-$name" netns "$name"
-  ip addr add "10.77.$n.1/24" dev "h-$name" && ip link set "h-$name" up
-  ip -n "$name" addr add "10.77.$n.2/24" dev "v-$name"
-  ip -n "$name" link set "v-$name" up && ip -n "$name" link set lo up
-  ip netns exec "$name" iptables-restore --noflush << 'RULES'
+# vrf_namespace (kernel-test-lib.sh) with "v-NAME" up there, INPUT policy
+# DROP there, and rules of someone else's in place.
+guarded_namespace() {
+  vrf_namespace "$@" && ip -n "$1" link set "v-$1" up
+  ip netns exec "$1" iptables-restore --noflush << 'RULES'
 *filter
 :INPUT DROP [0:0]
 :SOMEONE-ELSE - [0:0]
@@ -55,7 +49,7 @@ expect_applied() {
   [[ "$got" == *"$expected"* ]] || fail "show applied for $what: expected [$expected] in [$got]"
 }
 
-vrf_namespace red 1
+guarded_namespace red 1
 before=$(foreign_rules red)
 
 # --- the rule stands while the link is up, and only then
@@ -77,29 +71,27 @@ expect_applied red "state=ok rules=0 writes=2"
 
 # --- drift: each kind is repaired by one write at the next resync
 ask "link set v-red 1" "advance 10ms" "settle"
-writes=3
-for drift in "-F $owned" "-D INPUT -j $owned" "-I INPUT 1 -p tcp --dport 7 -j ACCEPT" \
-             "-A $owned -p tcp --dport 8 -j ACCEPT"; do
-  ip netns exec red iptables $drift
-  ask "resync" "settle"
-  writes=$((writes + 1))
-  expect_applied red "writes=$writes"
-  [ "$(datagrams_into red)" = 3 ] || fail "not repaired after: iptables $drift"
-done
-ip netns exec red iptables -D INPUT -p tcp --dport 7 -j ACCEPT
+drifts=("iptables -F $owned" "iptables -D INPUT -j $owned"
+        "iptables -I INPUT 1 -p tcp --dport 7 -j ACCEPT"
+        "iptables -A $owned -p tcp --dport 8 -j ACCEPT")
 # An edit made with nft, where iptables is the nf_tables variant.
 if iptables --version | grep nf_tables > /dev/null && command -v nft > /dev/null; then
-  ip netns exec red nft flush chain ip filter "$owned"
+  drifts+=("nft flush chain ip filter $owned")
+fi
+writes=3
+for drift in "${drifts[@]}"; do
+  ip netns exec red $drift
   ask "resync" "settle"
   writes=$((writes + 1))
   expect_applied red "writes=$writes"
-  [ "$(datagrams_into red)" = 3 ] || fail "not repaired after: nft flush chain"
-fi
+  [ "$(datagrams_into red)" = 3 ] || fail "not repaired after: $drift"
+done
+ip netns exec red iptables -D INPUT -p tcp --dport 7 -j ACCEPT
 
 # --- a namespace that appears late
 ask "vrf add global blue" "intf set v-blue blue" "link set v-blue 1" "advance 10ms" "settle"
 expect_applied blue 'state=waiting rules=1 writes=0 repairs=0 error="no namespace"'
-vrf_namespace blue 2
+guarded_namespace blue 2
 ask "resync" "settle"
 expect_applied blue "state=ok rules=1"
 [ "$(datagrams_into blue)" = 3 ] || fail "datagrams did not arrive in the late namespace"

@@ -12,19 +12,17 @@
 
 #include "agent/control/ControlServer.h"
 #include "tests/agent/TestFolder.h"
+#include "tests/agent/WallClockFixture.h"
 
 namespace AclAgent {
 namespace {
 
-constexpr Pell::Nanoseconds kDeadline = 30'000'000'000;
-
-class ControlServerTest : public ::testing::Test {
+class ControlServerTest : public WallClockFixture {
  protected:
-  void SetUp() override { loop_->wallClockIs(true); }
   void TearDown() override {
     server_.reset();
     for (int fd : fds_) close(fd);
-    loop_->wallClockIs(false);
+    WallClockFixture::TearDown();
   }
 
   void start(ControlServerOptions options = {}) {
@@ -48,13 +46,6 @@ class ControlServerTest : public ::testing::Test {
   void sendAll(int fd, const std::string& bytes) {
     ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   }
-  bool runUntil(const std::function<bool()>& done) {
-    bool late = false;
-    Pell::BackgroundTimer deadline(loop_, "testDeadline", [&] { late = true; });
-    deadline.armIn(kDeadline);
-    loop_->runUntil([&] { return late || done(); });
-    return !late;
-  }
   // The next answer on `fd`, reading while the loop turns.
   std::optional<ControlAnswer> answer(int fd) {
     AnswerReader& reader = readers_[fd];
@@ -69,7 +60,6 @@ class ControlServerTest : public ::testing::Test {
     return got;
   }
 
-  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
   TestFolder folder_{"control-test"};
   const std::string dir_ = folder_.path();
   const std::string path_ = dir_ + "/sub/control";
@@ -160,10 +150,7 @@ TEST_F(ControlServerTest, HeldLinesWaitUntilReleased) {
   server_->holdIs(true);
   const int fd = connectClient();
   sendAll(fd, "x\n");
-  bool turned = false;
-  Pell::BackgroundTimer later(loop_, "testLater", [&] { turned = true; });
-  later.armIn(200'000'000);
-  runUntil([&] { return turned; });
+  runFor(200'000'000);
   EXPECT_EQ(runs_, 0);
   server_->holdIs(false);
   EXPECT_EQ(answer(fd), (ControlAnswer{false, "ran x\n", ""}));

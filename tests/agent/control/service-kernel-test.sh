@@ -15,11 +15,7 @@ source "$(dirname "$0")/../kernel/kernel-test-lib.sh"
 command -v python3 > /dev/null || { echo "skipped: python3 plays the clients"; exit 77; }
 enter_private_namespace "$0" "$@"
 
-ip netns add red
-ip link add h-red type veth peer name v-red
-ip link set v-red netns red
-ip addr add 10.78.1.1/24 dev h-red && ip link set h-red up
-ip -n red addr add 10.78.1.2/24 dev v-red && ip -n red link set lo up
+vrf_namespace red 1
 ip netns exec red iptables -P INPUT DROP
 
 # The service manager's notification socket: each datagram one line of

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "agent/host/Agent.h"
+#include "tests/agent/WallClockFixture.h"
 #include "tests/agent/backend/iptables/FakeIptables.h"
 #include "tests/platform/PlatformTesting.h"
 
@@ -21,14 +22,11 @@ namespace {
 
 using ::testing::HasSubstr;
 
-constexpr Pell::Nanoseconds kDeadline = 30'000'000'000;
-
-class AgentLiveTest : public ::testing::Test {
+class AgentLiveTest : public WallClockFixture {
  protected:
-  void SetUp() override { loop_->wallClockIs(true); }
   void TearDown() override {
     agent_.reset();
-    loop_->wallClockIs(false);
+    WallClockFixture::TearDown();
     EXPECT_EQ(loop_->workInFlight(), 0u);
   }
 
@@ -44,18 +42,8 @@ class AgentLiveTest : public ::testing::Test {
     agent_->liveIs({}, options.namespaces);
     return *agent_;
   }
-  // Runs the loop until `done`; false when it has not come within the
-  // deadline.
-  bool runUntil(const std::function<bool()>& done) {
-    bool late = false;
-    Pell::BackgroundTimer deadline(loop_, "testDeadline", [&] { late = true; });
-    deadline.armIn(kDeadline);
-    loop_->runUntil([&] { return late || done(); });
-    return !late;
-  }
   void modeIs(const std::string& what, const std::string& mode) { fake_.modeIs(what, mode); }
 
-  Zov::Ptr<Pell::TaskSchedulerRoot> loop_ = Pell::TaskSchedulerRoot::findOrCreateScheduler();
   FakeIptables fake_;
   const std::string& dir_ = fake_.dir();
   std::ostringstream errors_;
@@ -115,12 +103,7 @@ TEST_F(AgentLiveTest, AChangedLiveConfigurationIsOneRefreshAndAnUnchangedOneNone
   // Each refresh of the plugin finishes VRF default twice: its multicast DNS
   // rule and its gateway rule.
   const auto refreshes = [&] { return agent.ruleService().finishes(L3::VrfName("default")) / 2; };
-  const auto pastRefreshWindow = [&] {
-    bool passed = false;
-    Pell::BackgroundTimer later(loop_, "testLater", [&] { passed = true; });
-    later.armIn(200'000'000);
-    EXPECT_TRUE(runUntil([&] { return passed; }));
-  };
+  const auto pastRefreshWindow = [&] { runFor(200'000'000); };
   pastRefreshWindow();
   const std::uint64_t before = refreshes();
 

@@ -1,7 +1,7 @@
 // The iptables backend's faults that the real programs cannot show on demand,
 // with fake-iptables.sh standing in for iptables-save and iptables-restore, on
 // the loop's virtual clock. What it does to the real kernel, rules that
-// iptables-restore refuses included, is tested in kernel/IptablesKernelTest.cpp.
+// iptables-restore refuses included, is tested in IptablesKernelTest.cpp.
 #include "agent/backend/Backend.h"
 #include "tests/agent/backend/iptables/FakeIptables.h"
 
@@ -30,6 +30,7 @@ using State = VrfStatus::State;
 constexpr Pell::Nanoseconds kMs = 1'000'000;
 const std::string kMdns = "-p udp --dport 5353 -d 224.0.0.251 -j ACCEPT";
 const std::string kGateway = "-p tcp --dport 8853 -j ACCEPT";
+const std::string kApplyDefault = "acl-agent: apply vrf \"default\": ";
 
 class IptablesBackendTest : public ::testing::Test {
  protected:
@@ -49,6 +50,16 @@ class IptablesBackendTest : public ::testing::Test {
     return *backend_;
   }
   void settle() { ASSERT_TRUE(loop_->settle()); }
+  // VRF default is to hold `rules`; returns once the loop has settled.
+  void rulesIs(const ChainRules& rules) {
+    backend().vrfRulesIs("default", rules);
+    settle();
+  }
+  // Moves the virtual clock on by `delay` and settles what became due.
+  void advance(Pell::Nanoseconds delay) {
+    loop_->advance(delay);
+    settle();
+  }
   // Runs the loop until no child runs, or fails, saying what it saw, once
   // `seconds` of real time have gone by: a child that is never killed must
   // fail the test, not hang it.
@@ -91,14 +102,12 @@ class IptablesBackendTest : public ::testing::Test {
 
 TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatestRules) {
   const std::string why = "Fatal: can't open lock file /run/xtables.lock: Permission denied";
-  const std::string report =
-      "acl-agent: apply vrf \"default\": " + dir_ + "/restore failed: " + why;
+  const std::string failed = dir_ + "/restore failed: " + why;
   modeIs("restore", "fail " + why);
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
-  EXPECT_EQ(errors_.str(), report + "\n");
+  rulesIs({{"INPUT", {kMdns}}});
+  EXPECT_EQ(errors_.str(), kApplyDefault + failed + "\n");
   EXPECT_EQ(status("default").state, State::kWaiting);
-  EXPECT_EQ(status("default").error, dir_ + "/restore failed: " + why);
+  EXPECT_EQ(status("default").error, failed);
 
   // 100 ms, doubling, up to 30 s; nothing runs before the delay is up.
   int writes = 1;
@@ -106,35 +115,29 @@ TEST_F(IptablesBackendTest, FailedWritesAreRetriedWithADoublingDelayAndTheLatest
        {100, 200, 400, 800, 1600, 3200, 6400, 12800, 25600, 30000, 30000}) {
     ASSERT_EQ(loop_->armedTasks(), 1u);
     EXPECT_EQ(loop_->nextDue() - loop_->now(), delay * kMs);
-    loop_->advance(delay * kMs - 1);
-    settle();
+    advance(delay * kMs - 1);
     EXPECT_EQ(runs("restore"), writes);
-    loop_->advance(1);
-    settle();
+    advance(1);
     EXPECT_EQ(runs("restore"), ++writes);
   }
 
   // New rules are tried at once; once the program works again the latest
   // rules stand, and the next failure starts again from 100 ms.
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
-  settle();
+  rulesIs({{"INPUT", {kMdns, kGateway}}});
   EXPECT_EQ(runs("restore"), ++writes);
   modeIs("restore", "ok");
-  loop_->advance(30'000 * kMs);
-  settle();
+  advance(30'000 * kMs);
   EXPECT_EQ(status("default").state, State::kOk);
   EXPECT_THAT(restoreInput(runs("restore")), HasSubstr(kGateway));
   modeIs("restore", "fail " + why);
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
-  settle();
+  rulesIs({{"INPUT", {kGateway}}});
   EXPECT_EQ(loop_->nextDue() - loop_->now(), 100 * kMs);
 }
 
 TEST_F(IptablesBackendTest, AChainWhoseOwnedChainWouldBeTooLongIsReportedOnceAndLeftOut) {
   const std::string longChain(20, 'C');  // its owned chain's name would be 29 bytes
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}, {longChain, {kMdns}}});
-  settle();
-  const std::string report = "acl-agent: apply vrf \"default\": chain \"" + longChain +
+  rulesIs({{"INPUT", {kMdns}}, {longChain, {kMdns}}});
+  const std::string report = kApplyDefault + "chain \"" + longChain +
                              "\" cannot be applied: its owned chain \"ACLAGENT-" + longChain +
                              "\" would be 29 bytes, over iptables' limit of 28\n";
   EXPECT_EQ(errors_.str(), report);
@@ -151,8 +154,8 @@ TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried)
   modeIs("save", "hang");
   backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settleWithin(20);
-  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
-                               "/save did not finish within 0.2 s and was killed\n");
+  EXPECT_EQ(errors_.str(),
+            kApplyDefault + dir_ + "/save did not finish within 0.2 s and was killed\n");
   const pid_t hung = std::stoi(file("save.pid"));
   EXPECT_EQ(::kill(hung, 0), -1);  // killed and reaped
   EXPECT_EQ(errno, ESRCH);
@@ -160,21 +163,21 @@ TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried)
   // by whoever took it over.
   const std::string grandchild =
       "/proc/" + file("save.child").substr(0, file("save.child").find('\n'));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < deadline) {
+  std::string state;
+  const auto goneOrDead = [&] {
     std::ifstream stat(grandchild + "/stat");
-    std::string pid, name, state;
-    if (!(stat >> pid >> name >> state) || state == "Z") break;
+    std::string pid, name;
+    return !(stat >> pid >> name >> state) || state == "Z";
+  };
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!goneOrDead() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  std::ifstream stat(grandchild + "/stat");
-  std::string pid, name, state;
-  EXPECT_TRUE(!(stat >> pid >> name >> state) || state == "Z") << grandchild << " is " << state;
+  EXPECT_TRUE(goneOrDead()) << grandchild << " is " << state;
   EXPECT_EQ(status("default").writes, 0u);
 
   modeIs("save", "ok");
-  loop_->advance(100 * kMs);
-  settle();
+  advance(100 * kMs);
   EXPECT_EQ(status("default").state, State::kOk);
   EXPECT_EQ(status("default").writes, 1u);
 
@@ -187,12 +190,10 @@ TEST_F(IptablesBackendTest, ChildrenPastTheirTimeAreKilledAndTheReadBackRetried)
 // What a resync repairs is tested against the real kernel.
 TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   options_.resyncPeriod = 90'000 * kMs;
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
+  rulesIs({{"INPUT", {kMdns}}});
   int becameIdle = 0;
   backend().idleListenerIs([&] { ++becameIdle; });
-  loop_->advance(90'000 * kMs - 1);
-  settle();
+  advance(90'000 * kMs - 1);
   EXPECT_EQ(runs("save"), 2);  // the read-back, and the one that checks the write
   // While the resync reads a VRF back, it shows as it stood.
   modeIs("save", "slow 0.2");
@@ -204,8 +205,7 @@ TEST_F(IptablesBackendTest, TheResyncRunsEveryPeriodAndSettleDoesNotWaitForIt) {
   EXPECT_EQ(becameIdle, 1);
   EXPECT_EQ(runs("save"), 3);
   modeIs("save", "ok");
-  loop_->advance(90'000 * kMs);
-  settle();
+  advance(90'000 * kMs);
   EXPECT_EQ(runs("save"), 4);
   EXPECT_EQ(runs("restore"), 1);
 }
@@ -255,27 +255,23 @@ TEST_F(IptablesBackendTest, ProgramsAreLookedUpOnPathOnceAndAgainWhenMissingOrMo
   ::setenv("PATH", (first + ":" + second + ":" + path).c_str(), 1);
   options_.iptablesSave = "acl-test-save";
   options_.iptablesRestore = "acl-test-restore";
-  const std::string report = "acl-agent: apply vrf \"default\": ";
 
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
-  EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-save\": not found on PATH\n");
+  rulesIs({{"INPUT", {kMdns}}});
+  EXPECT_EQ(errors_.str(), kApplyDefault + "cannot run \"acl-test-save\": not found on PATH\n");
   // Installed since: the retry finds them.
   std::filesystem::rename(dir_ + "/save", first + "/acl-test-save");
   std::filesystem::rename(dir_ + "/restore", first + "/acl-test-restore");
-  loop_->advance(100 * kMs);
-  settle();
+  advance(100 * kMs);
   EXPECT_EQ(status("default").state, State::kOk);
 
   // Moved to another folder on PATH: the file found before is gone, which
   // is reported, and the retry finds it where it is now.
   std::filesystem::rename(first + "/acl-test-restore", second + "/acl-test-restore");
   errors_.str("");
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
-  settle();
-  EXPECT_EQ(errors_.str(), report + "cannot run \"acl-test-restore\": No such file or directory\n");
-  loop_->advance(100 * kMs);
-  settle();
+  rulesIs({{"INPUT", {kGateway}}});
+  EXPECT_EQ(errors_.str(),
+            kApplyDefault + "cannot run \"acl-test-restore\": No such file or directory\n");
+  advance(100 * kMs);
   EXPECT_EQ(status("default").state, State::kOk);
   EXPECT_EQ(runs("restore"), 2);
   EXPECT_THAT(restoreInput(2), HasSubstr(kGateway));
@@ -327,11 +323,9 @@ TEST_F(IptablesBackendTest, ANamespaceThatAppearsIsTheOnlyOneReadBack) {
 }
 
 TEST_F(IptablesBackendTest, AnUnreadableTableIsARetriedReadErrorAndAWriteWithoutEffectIsPaced) {
-  const std::string report = "acl-agent: apply vrf \"default\": ";
   modeIs("save", "incompatible");
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
-  EXPECT_EQ(errors_.str(), report + dir_ +
+  rulesIs({{"INPUT", {kMdns}}});
+  EXPECT_EQ(errors_.str(), kApplyDefault + dir_ +
                                "/save cannot show the filter table: Table `filter' is "
                                "incompatible, use 'nft' tool.\n");
   EXPECT_EQ(runs("restore"), 0);
@@ -343,10 +337,9 @@ TEST_F(IptablesBackendTest, AnUnreadableTableIsARetriedReadErrorAndAWriteWithout
   modeIs("save", "ok");
   modeIs("restore", "noop");
   errors_.str("");
-  loop_->advance(100 * kMs);
-  settle();
+  advance(100 * kMs);
   const std::string noEffect =
-      report + "the write did not take effect: chain \"ACLAGENT-INPUT\" is missing\n";
+      kApplyDefault + "the write did not take effect: chain \"ACLAGENT-INPUT\" is missing\n";
   EXPECT_EQ(errors_.str(), noEffect);
   EXPECT_EQ(runs("restore"), 1);
   EXPECT_EQ(status("default").state, State::kWaiting);
@@ -354,29 +347,23 @@ TEST_F(IptablesBackendTest, AnUnreadableTableIsARetriedReadErrorAndAWriteWithout
   backend().resync();
   settle();
   EXPECT_EQ(runs("restore"), 1);
-  loop_->advance(200 * kMs);
-  settle();
+  advance(200 * kMs);
   EXPECT_EQ(runs("restore"), 2);
   EXPECT_EQ(errors_.str(), noEffect + noEffect);
   EXPECT_EQ(loop_->nextDue() - loop_->now(), 400 * kMs);
 
   modeIs("restore", "ok");
-  loop_->advance(400 * kMs);
-  settle();
+  advance(400 * kMs);
   EXPECT_EQ(status("default").state, State::kOk);
   EXPECT_EQ(runs("restore"), 3);
   EXPECT_EQ(errors_.str(), noEffect + noEffect);
 }
 
 TEST_F(IptablesBackendTest, AChangeOfRulesIsAWriteAndOnlyDriftIsARepair) {
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns, kGateway}}});
-  settle();
-  backend().vrfRulesIs("default", ChainRules{});
-  settle();
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kGateway}}});
-  settle();
+  rulesIs({{"INPUT", {kMdns}}});
+  rulesIs({{"INPUT", {kMdns, kGateway}}});
+  rulesIs({});
+  rulesIs({{"INPUT", {kGateway}}});
   EXPECT_EQ(status("default").writes, 4u);
   EXPECT_EQ(status("default").repairs, 0u);
   // The jump deleted behind the agent's back.
@@ -397,13 +384,9 @@ TEST_F(IptablesBackendTest, TheAgentsDescriptorsStayAsTheyWereAcrossWrites) {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                          std::filesystem::directory_iterator());
   };
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
+  rulesIs({{"INPUT", {kMdns}}});
   const auto before = descriptors();
-  for (int i = 0; i < 20; ++i) {
-    backend().vrfRulesIs("default", ChainRules{{"INPUT", {i % 2 ? kMdns : kGateway}}});
-    settle();
-  }
+  for (int i = 0; i < 20; ++i) rulesIs({{"INPUT", {i % 2 ? kMdns : kGateway}}});
   EXPECT_EQ(status("default").writes, 21u);
   EXPECT_EQ(descriptors(), before);
 }
@@ -412,8 +395,8 @@ TEST_F(IptablesBackendTest, AChildThatPrintsWithoutEndIsCutShort) {
   modeIs("save", "flood-out");
   backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
   settleWithin(20);
-  EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
-                               "/save printed more than 64 MiB and was killed\n");
+  EXPECT_EQ(errors_.str(),
+            kApplyDefault + dir_ + "/save printed more than 64 MiB and was killed\n");
   modeIs("save", "ok");
   modeIs("restore", "flood-err");
   errors_.str("");

@@ -16,6 +16,7 @@
 namespace AclAgent {
 namespace {
 
+using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 class IptablesKernelTest : public KernelBackendTest {
@@ -61,6 +62,11 @@ class IptablesKernelTest : public KernelBackendTest {
     if (!backend_) backend_ = makeBackend(loop_, options_, errors_);
     return *backend_;
   }
+  // VRF `vrf` is to hold `rules`; returns once the loop has settled.
+  void rulesIs(const std::string& vrf, const ChainRules& rules) {
+    backend().vrfRulesIs(vrf, rules);
+    settle();
+  }
   int restores() { return std::stoi(shell("cat " + dir_ + "/restores 2>/dev/null | wc -l")); }
 
   std::string family_;
@@ -80,12 +86,10 @@ TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrit
   EXPECT_TRUE(holds("", ChainRules{{"INPUT", {kGateway}}}));
 
   // A change is one write of that VRF; with no rule left, jump and chain go.
-  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kGateway}}});
-  settle();
+  rulesIs("red", {{"INPUT", {kGateway}}});
   EXPECT_EQ(restores(), 3);
-  EXPECT_TRUE(holds("red", ChainRules{{"INPUT", {kGateway}}}));
-  backend().vrfRulesIs("red", ChainRules{});
-  settle();
+  EXPECT_TRUE(holds("red", {{"INPUT", {kGateway}}}));
+  rulesIs("red", {});
   EXPECT_EQ(restores(), 4);
   EXPECT_EQ(saved("red"), redBefore);
   EXPECT_EQ(errors_.str(), "");
@@ -93,8 +97,7 @@ TEST_F(IptablesKernelTest, RulesStandBehindOneJumpAtTheTopAndEachChangeIsOneWrit
 
 TEST_F(IptablesKernelTest, EachKindOfDriftIsRepairedByOneWrite) {
   namespaceIs("red");
-  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
-  settle();
+  rulesIs("red", {{"INPUT", {kMdns, kGateway}}});
   const std::string good = saved("red");
   const std::vector<std::pair<std::string, std::vector<std::string>>> drifts{
       {"jump deleted", {"-D INPUT -j ACLAGENT-INPUT"}},
@@ -125,8 +128,7 @@ TEST_F(IptablesKernelTest, RefusedRulesAreReportedOnceAndLeftOutAndTheRestStands
   namespaceIs("red");
   const std::string option = "-p udp --bogus 1 -j ACCEPT";
   const std::string target = "-p tcp --dport 2 -j NOSUCH";
-  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, option, target, kGateway}}});
-  settle();
+  rulesIs("red", {{"INPUT", {kMdns, option, target, kGateway}}});
   // The real programs name a bad option at once and a missing target only at
   // COMMIT (nft) or at its line (legacy): each is blamed on its rule.
   const std::string report = "acl-agent: apply vrf \"red\": rule \"";
@@ -147,8 +149,7 @@ TEST_F(IptablesKernelTest, RefusedRulesAreReportedOnceAndLeftOutAndTheRestStands
   EXPECT_EQ(restores(), 3);
   EXPECT_EQ(errors_.str(), errors);
   // Without the refused rules, what stands is all that must.
-  backend().vrfRulesIs("red", ChainRules{{"INPUT", {kMdns, kGateway}}});
-  settle();
+  rulesIs("red", {{"INPUT", {kMdns, kGateway}}});
   EXPECT_EQ(restores(), 3);
   EXPECT_EQ(status("red").state, State::kOk);
   EXPECT_TRUE(notInPlace(backend().statuses()).empty());
@@ -161,8 +162,7 @@ TEST_F(IptablesKernelTest, RemoveAppliedTakesAwayOnlyWhatTheAgentOwnsWhereTheTem
   const std::string redBefore = saved("vrf-red");
   const std::string ownBefore = saved("");
   const ChainRules rules{{"INPUT", {kMdns}}, {"OUTPUT", {kGateway}}};
-  backend().vrfRulesIs("other", rules);  // template "%s"
-  settle();
+  rulesIs("other", rules);  // template "%s"
   const std::string otherBefore = saved("other");
   backend_.reset();
   options_.namespaces = NamespaceMap("vrf-%s");
@@ -191,16 +191,14 @@ TEST_F(IptablesKernelTest, ForeignChainsNamedLikeOursAndJumpsToOursAreLeftAndThe
   iptables("red", " -A ACLAGENT-LOG -p tcp --dport 23 -j ACCEPT");
   iptables("red", " -A OUTPUT -j ACLAGENT-LOG");
   const ChainRules rules{{"INPUT", {kMdns}}, {"OUTPUT", {kGateway}}};
-  backend().vrfRulesIs("red", rules);
-  settle();
+  rulesIs("red", rules);
   EXPECT_TRUE(holds("red", rules));
   EXPECT_EQ(errors_.str(), "");
 
   // Someone jumps to the agent's chain from FORWARD: withdrawing the rules
   // cannot delete the chain, but empties it and removes the agent's jump.
   iptables("red", " -A FORWARD -j ACLAGENT-INPUT");
-  backend().vrfRulesIs("red", ChainRules{});
-  settle();
+  rulesIs("red", {});
   const std::string after = saved("red");
   EXPECT_EQ(iptables("red", " -S ACLAGENT-INPUT"), "-N ACLAGENT-INPUT\n");
   EXPECT_EQ(iptables("red", " -S INPUT").find("ACLAGENT"), std::string::npos) << after;
@@ -232,8 +230,7 @@ TEST_F(IptablesKernelTest, AWriteHeldUpByTheXtablesLockSaysSoWhenKilled) {
   ASSERT_GE(lock, 0);
   ASSERT_EQ(::flock(lock, LOCK_EX), 0);
   options_.childTimeout = 5'000'000'000;
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
+  rulesIs("default", {{"INPUT", {kMdns}}});
   ::close(lock);
   EXPECT_EQ(errors_.str(), "acl-agent: apply vrf \"default\": " + dir_ +
                                "/restore did not finish within 5 s and was killed, waiting for a "
@@ -248,11 +245,9 @@ TEST_F(IptablesKernelTest, AWriteThatTheReadBackDoesNotSeeIsReportedAndNotMadeAt
   // program writes.
   options_.iptablesSave =
       std::string("iptables-") + (family_ == "nft" ? "legacy" : "nft") + "-save";
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
-  EXPECT_THAT(errors_.str(), ::testing::HasSubstr("acl-agent: apply vrf \"default\": the write did "
-                                                  "not take effect: chain \"ACLAGENT-INPUT\" is "
-                                                  "missing\n"));
+  rulesIs("default", {{"INPUT", {kMdns}}});
+  EXPECT_THAT(errors_.str(), HasSubstr("acl-agent: apply vrf \"default\": the write did not take "
+                                       "effect: chain \"ACLAGENT-INPUT\" is missing\n"));
   EXPECT_EQ(status("default").state, State::kWaiting);
   EXPECT_EQ(restores(), 1);
   backend().resync();
@@ -267,10 +262,9 @@ TEST_F(IptablesKernelTest, ATableTheSaveProgramCannotShowIsAReadErrorAndNothingI
   // in place of the table, and exits 0.
   iptables("", " -A INPUT -p icmp -j ACCEPT");
   shell("nft add rule ip filter INPUT ct state established accept");
-  backend().vrfRulesIs("default", ChainRules{{"INPUT", {kMdns}}});
-  settle();
-  EXPECT_THAT(errors_.str(), ::testing::HasSubstr("cannot show the filter table: Table `filter' "
-                                                  "is incompatible"));
+  rulesIs("default", {{"INPUT", {kMdns}}});
+  EXPECT_THAT(errors_.str(), HasSubstr("cannot show the filter table: Table `filter' "
+                                       "is incompatible"));
   EXPECT_EQ(restores(), 0);
   EXPECT_EQ(status("default").state, State::kWaiting);
   shell("nft flush chain ip filter INPUT");

@@ -167,14 +167,11 @@ TEST(IptablesTextTest, RestoreInputTakesAnyTableToAnyWantedStateTouchingNothingE
       {"jump deleted", modelOf(base, owned)},
       {"owned chain flushed",
        modelOf(base, ":ACLAGENT-INPUT - [0:0]\n-I INPUT 1 -j ACLAGENT-INPUT\n")},
-      {"stale owned chains", modelOf(base,
-                                     ":ACLAGENT-FORWARD - [0:0]\n:ACLAGENT-MINE - [0:0]\n"
-                                     "-A ACLAGENT-FORWARD " +
-                                         kMdnsTagged +
-                                         "\n"
-                                         "-A FORWARD -j ACLAGENT-FORWARD\n"
-                                         "-A FORWARD -p udp -j ACLAGENT-FORWARD\n"
-                                         "-A ACLAGENT-MINE -p udp -j ACCEPT\n")},
+      {"stale owned chains",
+       modelOf(base, ":ACLAGENT-FORWARD - [0:0]\n:ACLAGENT-MINE - [0:0]\n-A ACLAGENT-FORWARD " +
+                         kMdnsTagged +
+                         "\n-A FORWARD -j ACLAGENT-FORWARD\n-A FORWARD -p udp -j ACLAGENT-FORWARD\n"
+                         "-A ACLAGENT-MINE -p udp -j ACCEPT\n")},
       {"someone else's chain jumps to ours last",
        modelOf(base, ":ACLAGENT-SOMEONE-ELSE - [0:0]\n-A SOMEONE-ELSE -j ACLAGENT-SOMEONE-ELSE\n")},
       {"someone else's chain jumps to ours",

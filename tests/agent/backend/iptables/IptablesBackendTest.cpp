@@ -283,7 +283,7 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
   options_.maxJobs = 2;
   modeIs("save", "slow 0.1");
   for (int i = 1; i <= 5; ++i) {
-    ::symlink("/proc/self/ns/net", (dir_ + "/netns/v" + std::to_string(i)).c_str());
+    ASSERT_EQ(::symlink("/proc/self/ns/net", (dir_ + "/netns/v" + std::to_string(i)).c_str()), 0);
     backend().vrfRulesIs(
         "v" + std::to_string(i),
         ChainRules{{"INPUT", {"-p tcp --dport " + std::to_string(i) + " -j ACCEPT"}}});
@@ -311,7 +311,7 @@ TEST_F(IptablesBackendTest, AtMostMaxChildrenAndOneChildPerVrfWithItsLatestRules
 TEST_F(IptablesBackendTest, ANamespaceThatAppearsIsTheOnlyOneReadBack) {
   if (::geteuid() != 0) GTEST_SKIP() << "entering a network namespace (our own) needs root";
   for (const char* name : {"v1", "v2", "v3"}) {
-    ::symlink("/proc/self/ns/net", (dir_ + "/netns/" + name).c_str());
+    ASSERT_EQ(::symlink("/proc/self/ns/net", (dir_ + "/netns/" + name).c_str()), 0);
     backend().vrfRulesIs(name, ChainRules{});
   }
   settle();

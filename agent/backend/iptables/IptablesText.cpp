@@ -212,9 +212,10 @@ std::optional<std::string> drift(const SavedTable& saved, const ChainRules& want
 // flushed by someone). The tag is a hash only the agent writes, so someone
 // else's chain never holds one; and one rule of ours is enough, rather than
 // every rule, so that a rule someone added into the agent's chain does not
-// keep the agent's ACCEPT standing once it must go. Everything else (a
-// chain of its own rules, an empty chain nothing of ours jumps to, the
-// agent's chain left empty where someone else's rule jumps to it) is not
+// keep the agent's ACCEPT standing once it must go. A chain of the agent's
+// kept while someone else's rule jumps to it holds its tagged RETURN, so it
+// stays the agent's, and goes once that rule has gone. Everything else (a
+// chain of its own rules, an empty chain nothing of ours jumps to) is not
 // touched.
 bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::string& name) {
   if (!name.starts_with(kOwnedPrefix)) return false;
@@ -232,12 +233,46 @@ bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::s
                      [&](const SavedRule& rule) { return plainJump(rule, name); });
 }
 
+std::vector<std::string> jumpsFromOthers(const SavedTable& saved, const ChainRules& wanted,
+                                         const std::string& name) {
+  const std::string chain = name.substr(kOwnedPrefix.size());
+  std::vector<std::string> others;
+  for (const auto& [other, rules] : saved.chains) {
+    if (other == chain || agentsChain(saved, wanted, other)) continue;
+    if (std::any_of(rules.begin(), rules.end(),
+                    [&](const SavedRule& rule) { return rule.target == name; })) {
+      others.push_back(other);
+    }
+  }
+  return others;
+}
+
+std::string keptNote(const std::string& name, const std::vector<std::string>& others) {
+  std::string names;
+  for (const std::string& other : others) names += (names.empty() ? "" : ", ") + quoteName(other);
+  return "chain " + quoteName(name) +
+         " is kept, holding only a RETURN of the agent's, while a rule of someone else's in "
+         "chain " +
+         names + " jumps to it";
+}
+
 std::vector<std::string> chainsGoing(const SavedTable& saved, const ChainRules& wanted) {
   std::vector<std::string> going;
   for (const auto& [name, rules] : saved.chains) {
     if (!agentsChain(saved, wanted, name)) continue;
-    auto stands = wanted.find(name.substr(kOwnedPrefix.size()));
-    if (stands == wanted.end() || stands->second.empty()) going.push_back(name);
+    const std::string chain = name.substr(kOwnedPrefix.size());
+    if (auto stands = wanted.find(chain); stands != wanted.end() && !stands->second.empty()) {
+      continue;
+    }
+    // Kept as it should be: just the marker, no jump of the agent's to it,
+    // and someone else's rule still jumping to it.
+    auto kernelChain = saved.chains.find(chain);
+    const bool kept = rules.size() == 1 && rules.front().tag == kKeptTag &&
+                      (kernelChain == saved.chains.end() ||
+                       std::none_of(kernelChain->second.begin(), kernelChain->second.end(),
+                                    [&](const SavedRule& rule) { return rule.target == name; })) &&
+                      !jumpsFromOthers(saved, wanted, name).empty();
+    if (!kept) going.push_back(name);
   }
   return going;
 }
@@ -290,37 +325,20 @@ RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted) {
     add("-I " + chain + " 1 -j " + owned, {Kind::kChain, chain, {}});
   }
   // The agent's chains that go; rules in them jump nowhere afterwards.
-  const std::vector<std::string> going = chainsGoing(saved, wanted);
-  auto rewritten = [&](const std::string& chain) {
-    return std::find(going.begin(), going.end(), chain) != going.end() ||
-           (chain.starts_with(kOwnedPrefix) && wanted.contains(chain.substr(kOwnedPrefix.size())));
-  };
-  for (const std::string& name : going) {
+  for (const std::string& name : chainsGoing(saved, wanted)) {
     const std::string chain = name.substr(kOwnedPrefix.size());
     for (const SavedRule& rule : rulesOf(chain)) {
       if (rule.target == name) add("-D " + chain + " " + rule.spec, {});
     }
     // Declaring empties it, which -X needs; it is declared whatever holds it.
     add(":" + name + " - [0:0]", {});
-    std::vector<std::string> from;
-    for (const auto& [other, rules] : saved.chains) {
-      if (other == chain || rewritten(other)) continue;
-      for (const SavedRule& rule : rules) {
-        if (rule.target == name) {
-          from.push_back(quoteName(other));
-          break;
-        }
-      }
-    }
-    if (from.empty()) {
+    const std::vector<std::string> others = jumpsFromOthers(saved, wanted, name);
+    if (others.empty()) {
       add("-X " + name, {});
       continue;
     }
-    std::string names;
-    for (const std::string& f : from) names += (names.empty() ? "" : ", ") + f;
-    input.notes.push_back("chain " + quoteName(name) +
-                          " is left empty, not deleted: a rule of someone else's in chain " +
-                          names + " jumps to it");
+    add("-A " + name + " -m comment --comment \"" + std::string(kKeptTag) + "\" -j RETURN", {});
+    input.notes.push_back(keptNote(name, others));
   }
   add("COMMIT", {});
   return input;

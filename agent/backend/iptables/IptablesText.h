@@ -17,8 +17,9 @@
 // Read-back compares tags only, so it never depends on how the kernel writes
 // a rule back. A chain whose name starts with `kOwnedPrefix` is the agent's
 // only as `agentsChain` says; one of the agent's that should not stand is
-// removed with its jumps, or left empty where someone else's rule jumps to
-// it.
+// removed with its jumps, or, where someone else's rule jumps to it and the
+// kernel would refuse to delete it, kept holding only a RETURN tagged
+// `kKeptTag`, which keeps it recognisably the agent's until that rule goes.
 //
 // Threading: none; pure functions.
 #pragma once
@@ -36,6 +37,9 @@
 namespace AclAgent {
 
 constexpr std::string_view kOwnedPrefix = "ACLAGENT-";
+// The tag of the one rule, a plain RETURN, that an owned chain holds while
+// someone else's rule keeps it from being deleted.
+constexpr std::string_view kKeptTag = "acl-agent:kept";
 // The longest chain name iptables takes.
 constexpr std::size_t kMaxChainName = 28;
 // Messages from the restore program are cut to this many bytes.
@@ -84,8 +88,17 @@ std::vector<std::string> splitWords(std::string_view spec);
 // touched. REQUIRES: no chain of `wanted` is named like an owned chain.
 bool agentsChain(const SavedTable& saved, const ChainRules& wanted, const std::string& name);
 // The agent's chains in `saved` that must go to make `wanted` stand (their
-// chain has no rule now), in the table's order.
+// chain has no rule now), in the table's order; one already kept as it
+// should be while someone else's rule jumps to it is not among them.
 std::vector<std::string> chainsGoing(const SavedTable& saved, const ChainRules& wanted);
+// The chains of someone else's in `saved` with a rule that jumps to `name`,
+// one of the agent's chains, in the table's order: they keep it from being
+// deleted.
+std::vector<std::string> jumpsFromOthers(const SavedTable& saved, const ChainRules& wanted,
+                                         const std::string& name);
+// What a write says of an agent's chain that it keeps for `others`
+// (`jumpsFromOthers`).
+std::string keptNote(const std::string& name, const std::vector<std::string>& others);
 
 // Whether `saved` holds exactly `wanted`: for each chain with rules, its
 // owned chain holds just their tags, in order, and the chain's first rule is
@@ -108,17 +121,17 @@ struct RestoreInput {
   std::string text;
   std::vector<RestoreLine> lines;  // line N is lines[N - 1]
   // What it leaves undone on purpose, for the operator: a chain of the
-  // agent's left empty because someone else's rule jumps to it.
+  // agent's kept because someone else's rule jumps to it.
   std::vector<std::string> notes;
 };
 
 // One `--noflush` input with one COMMIT that turns `saved` into `wanted`:
 // each chain with rules gets its owned chain declared (which empties it) and
 // filled, and its jump put alone at the top; every other chain of the
-// agent's loses its jumps and goes, or is emptied and stays (with a note)
-// while a rule of someone else's jumps to it, since deleting it would fail
-// the whole input and leave its rules standing. Nothing else is named. Chains that `chainFault`
-// refuses must not be in `wanted`.
+// agent's loses its jumps and goes, or is emptied to its `kKeptTag` RETURN
+// and stays (with a note) while a rule of someone else's jumps to it, since
+// deleting it would fail the whole input and leave its rules standing. Nothing else is named.
+// Chains that `chainFault` refuses must not be in `wanted`.
 RestoreInput restoreInput(const SavedTable& saved, const ChainRules& wanted);
 
 // The input line that a restore program's standard error names ("Error

@@ -242,6 +242,15 @@ class Transaction {
     add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, {RestoreLine::Kind::kRule, chain, text},
         [&](nlmsghdr* m) { nftnl_rule_nlmsg_build_payload(m, rule.get()); });
   }
+  // The RETURN that keeps `owned` the agent's while someone else's rule
+  // jumps to it.
+  void keptMarker(const std::string& owned) {
+    static const NftRule kReturn = std::get<NftRule>(parseRule("-j RETURN"));
+    Owned<nftnl_rule> rule = newRule(owned);
+    addExpressions(rule.get(), kReturn, kKeptTag);
+    add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, {},
+        [&](nlmsghdr* m) { nftnl_rule_nlmsg_build_payload(m, rule.get()); });
+  }
   void jumpOnTop(const std::string& chain, const std::string& owned) {
     Owned<nftnl_rule> rule = newRule(chain);
     addJump(rule.get(), owned);
@@ -336,36 +345,21 @@ KernelTable::WriteResult writeRuleset(NftSocket& socket, const NftRuleset& from,
     transaction.jumpOnTop(chain, owned);
   }
   // The agent's chains that go, as restoreInput decides.
-  const std::vector<std::string> going = chainsGoing(saved, to);
-  auto rewritten = [&](const std::string& chain) {
-    return std::find(going.begin(), going.end(), chain) != going.end() ||
-           (chain.starts_with(kOwnedPrefix) && to.contains(chain.substr(kOwnedPrefix.size())));
-  };
   std::vector<std::string> notes;
-  for (const std::string& name : going) {
+  for (const std::string& name : chainsGoing(saved, to)) {
     const std::string chain = name.substr(kOwnedPrefix.size());
     const std::vector<SavedRule>& inChain = rulesOf(chain);
     for (std::size_t i = 0; i < inChain.size(); ++i) {
       if (inChain[i].target == name) transaction.deleteRule(chain, handlesOf(chain)[i]);
     }
     transaction.flush(name);
-    std::vector<std::string> from;
-    for (const auto& [other, rules] : saved.chains) {
-      if (other == chain || rewritten(other)) continue;
-      if (std::any_of(rules.begin(), rules.end(),
-                      [&](const SavedRule& rule) { return rule.target == name; })) {
-        from.push_back(quoteName(other));
-      }
-    }
-    if (from.empty()) {
+    const std::vector<std::string> others = jumpsFromOthers(saved, to, name);
+    if (others.empty()) {
       transaction.deleteChain(name);
       continue;
     }
-    std::string names;
-    for (const std::string& f : from) names += (names.empty() ? "" : ", ") + f;
-    notes.push_back("chain " + quoteName(name) +
-                    " is left empty, not deleted: a rule of someone else's in chain " + names +
-                    " jumps to it");
+    transaction.keptMarker(name);
+    notes.push_back(keptNote(name, others));
   }
   KernelTable::WriteResult result = transaction.commit();
   if (result.error.empty()) result.warnings = std::move(notes);

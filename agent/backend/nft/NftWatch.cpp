@@ -6,6 +6,9 @@
 #include <linux/netfilter/nfnetlink.h>
 
 #include <cstring>
+#include <string_view>
+
+#include "agent/backend/iptables/IptablesText.h"
 
 namespace AclAgent {
 namespace {
@@ -70,7 +73,13 @@ bool NftWatch::matters(const nlmsghdr* message) const {
   }
   mnl_attr_parse(message, sizeof(nfgenmsg), collect, &names);
   if (!names.table || std::strcmp(names.table, "filter") != 0) return false;
-  return names.chainAttribute == 0 || (names.chain && watched_(names.chain));
+  if (names.chainAttribute == 0 || (names.chain && watched_(names.chain))) return true;
+  // A rule elsewhere that jumps to one of the agent's chains: its going may
+  // let a chain kept for it go too.
+  const std::string_view bytes(static_cast<const char*>(mnl_nlmsg_get_payload(message)),
+                               mnl_nlmsg_get_payload_len(message));
+  return names.chainAttribute == NFTA_RULE_CHAIN &&
+         bytes.find(kOwnedPrefix) != std::string_view::npos;
 }
 
 void NftWatch::readable() {

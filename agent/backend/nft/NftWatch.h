@@ -7,10 +7,11 @@
 //                  &error);
 //
 // A socket subscribed to the nf_tables notification group, opened inside the
-// namespace and watched by the loop. Only changes to the table itself and to
-// the chains `watched` names (the agent's own, and those holding a jump to
-// one) count: the rest of the table, and sets and objects, which the agent's
-// rules never use, are someone else's business. The notifications of one
+// namespace and watched by the loop. Only changes to the table itself, to
+// the chains `watched` names (the agent's own, and those holding the agent's
+// jump to one) and to rules that jump to one of the agent's chains count:
+// the rest of the table, and sets and objects, which the agent's rules never
+// use, are someone else's business. The notifications of one
 // transaction end with the new generation, and every one of them names the
 // netlink port that sent the transaction: those of the agent's own writing
 // socket in the namespace are ignored, so its writes do not wake it.

@@ -196,19 +196,23 @@ TEST_F(IptablesKernelTest, ForeignChainsNamedLikeOursAndJumpsToOursAreLeftAndThe
   EXPECT_EQ(errors_.str(), "");
 
   // Someone jumps to the agent's chain from FORWARD: withdrawing the rules
-  // cannot delete the chain, but empties it and removes the agent's jump.
+  // cannot delete the chain, but empties it to a RETURN that keeps it the
+  // agent's, and removes the agent's jump.
   iptables("red", " -A FORWARD -j ACLAGENT-INPUT");
   rulesIs("red", {});
   const std::string after = saved("red");
-  EXPECT_EQ(iptables("red", " -S ACLAGENT-INPUT"), "-N ACLAGENT-INPUT\n");
+  EXPECT_EQ(iptables("red", " -S ACLAGENT-INPUT"),
+            "-N ACLAGENT-INPUT\n-A ACLAGENT-INPUT -m comment --comment \"acl-agent:kept\" -j "
+            "RETURN\n");
   EXPECT_EQ(iptables("red", " -S INPUT").find("ACLAGENT"), std::string::npos) << after;
   EXPECT_NE(after.find("-A FORWARD -j ACLAGENT-INPUT\n"), std::string::npos) << after;
   EXPECT_NE(after.find("-A OUTPUT -j ACLAGENT-LOG\n"), std::string::npos) << after;
   EXPECT_NE(after.find("-A ACLAGENT-LOG -p tcp -m tcp --dport 23 -j ACCEPT\n"), std::string::npos)
       << after;
   EXPECT_EQ(errors_.str(),
-            "acl-agent: apply vrf \"red\": chain \"ACLAGENT-INPUT\" is left empty, not deleted: a "
-            "rule of someone else's in chain \"FORWARD\" jumps to it\n");
+            "acl-agent: apply vrf \"red\": chain \"ACLAGENT-INPUT\" is kept, holding only a "
+            "RETURN of the agent's, while a rule of someone else's in chain \"FORWARD\" jumps to "
+            "it\n");
   EXPECT_EQ(status("red").state, State::kOk);
   // Not written again, and not reported again.
   const int written = restores();
@@ -221,6 +225,12 @@ TEST_F(IptablesKernelTest, ForeignChainsNamedLikeOursAndJumpsToOursAreLeftAndThe
   backend_.reset();
   EXPECT_TRUE(removeApplied(options_, errors_));
   EXPECT_EQ(saved("red"), after);
+  // Once that jump has gone, the agent's chain goes at the next read-back.
+  iptables("red", " -D FORWARD -j ACLAGENT-INPUT");
+  rulesIs("red", {});
+  EXPECT_EQ(saved("red").find("ACLAGENT-INPUT"), std::string::npos) << saved("red");
+  EXPECT_NE(saved("red").find("-A ACLAGENT-LOG -p tcp -m tcp --dport 23 -j ACCEPT\n"),
+            std::string::npos);
 }
 
 TEST_F(IptablesKernelTest, AWriteHeldUpByTheXtablesLockSaysSoWhenKilled) {

@@ -84,7 +84,8 @@ void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
     std::string line;
     for (const RestoreLine& meaning : input.lines) {
       ASSERT_TRUE(std::getline(text, line));
-      EXPECT_EQ(meaning.kind == Kind::kRule, line.starts_with("-A ")) << line;
+      const bool marker = line.ends_with(" -j RETURN") && line.find(kKeptTag) != line.npos;
+      EXPECT_EQ(meaning.kind == Kind::kRule, line.starts_with("-A ") && !marker) << line;
       if (meaning.kind == Kind::kRule) {
         EXPECT_EQ(line, "-A " + ownedChain(meaning.chain) + " " + meaning.rule +
                             " -m comment --comment \"" + ruleTag(meaning.rule) + "\"");
@@ -110,8 +111,11 @@ void expectBroughtTo(RestoreModel& table, const ChainRules& wanted) {
         old != before.chains.end() && (foreign(old->second) || old->second.empty());
     if (chain.starts_with(kOwnedPrefix) && stands(chain.substr(kOwnedPrefix.size()))) continue;
     if (chain.starts_with(kOwnedPrefix) && !theirsBefore) {
-      // Ours, left only where someone else's rule jumps to it, and empty.
-      EXPECT_TRUE(rules.empty() && jumpedToFromElsewhere(after, chain)) << "stale " << chain;
+      // Ours, left only where someone else's rule jumps to it, holding
+      // just its marker.
+      EXPECT_TRUE(rules.size() == 1 && rules.front().tag == kKeptTag &&
+                  jumpedToFromElsewhere(after, chain))
+          << "stale " << chain;
       if (writes && old != before.chains.end() && !old->second.empty()) {
         EXPECT_NE(input.notes.end(), std::find_if(input.notes.begin(), input.notes.end(),
                                                   [&, &name = chain](const std::string& note) {
@@ -203,6 +207,34 @@ TEST(IptablesTextTest, RestoreInputTakesAnyTableToAnyWantedStateTouchingNothingE
       }
     }
   }
+}
+
+TEST(IptablesTextTest, AChainKeptForSomeoneElsesJumpHoldsItsMarkerUntilThatJumpGoes) {
+  const std::string kept =
+      ":ACLAGENT-INPUT - [0:0]\n-A ACLAGENT-INPUT -m comment --comment \"acl-agent:kept\" -j "
+      "RETURN\n";
+  const std::string theirs = "-A FORWARD -j ACLAGENT-INPUT\n";
+  const RestoreInput input =
+      restoreInput(parseSave("*filter\n:ACLAGENT-INPUT - [0:0]\n-A ACLAGENT-INPUT " + kMdnsTagged +
+                             "\n-A INPUT -j ACLAGENT-INPUT\n" + theirs + "COMMIT\n"),
+                   {});
+  EXPECT_EQ(input.text, "*filter\n-D INPUT -j ACLAGENT-INPUT\n" + kept + "COMMIT\n");
+  EXPECT_EQ(input.notes, std::vector<std::string>{
+                             "chain \"ACLAGENT-INPUT\" is kept, holding only a RETURN of the "
+                             "agent's, while a rule of someone else's in chain \"FORWARD\" jumps "
+                             "to it"});
+  // So kept, it is in place and not written again, whichever backend reads
+  // it; once that jump has gone, it goes.
+  EXPECT_TRUE(inPlace(parseSave("*filter\n" + kept + theirs + "COMMIT\n"), {}));
+  const SavedTable alone = parseSave("*filter\n" + kept + "COMMIT\n");
+  EXPECT_EQ(drift(alone, {}),
+            "chain \"ACLAGENT-INPUT\" stands with no rule of the agent's to hold");
+  EXPECT_EQ(restoreInput(alone, {}).text,
+            "*filter\n:ACLAGENT-INPUT - [0:0]\n-X ACLAGENT-INPUT\nCOMMIT\n");
+  // Or it holds the rules wanted again, without its marker.
+  EXPECT_EQ(restoreInput(alone, {{"INPUT", {kMdns}}}).text,
+            "*filter\n:ACLAGENT-INPUT - [0:0]\n-A ACLAGENT-INPUT " + kMdnsTagged +
+                "\n-I INPUT 1 -j ACLAGENT-INPUT\nCOMMIT\n");
 }
 
 TEST(IptablesTextTest, TheFormatOfTheSimplestWriteAndOfARemoval) {

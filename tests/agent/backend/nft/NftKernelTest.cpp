@@ -233,5 +233,33 @@ TEST_F(NftKernelTest, AConvergeOfManyVrfsTakesManyShortTurnsOfTheLoop) {
   EXPECT_EQ(errors_.str(), "");
 }
 
+TEST_F(NftKernelTest, AChainKeptForSomeoneElsesJumpGoesAsSoonAsThatJumpGoes) {
+  namespaceIs("red");
+  backend(Kind::kNft).vrfRulesIs("red", ChainRules{{"INPUT", {kMdns}}});
+  settle();
+  shell(in("red") + "iptables-nft -A FORWARD -j ACLAGENT-INPUT");
+  backend_->vrfRulesIs("red", ChainRules{});
+  settle();
+  EXPECT_EQ(shell(in("red") + "iptables-nft -S ACLAGENT-INPUT"),
+            "-N ACLAGENT-INPUT\n-A ACLAGENT-INPUT -m comment --comment \"acl-agent:kept\" -j "
+            "RETURN\n");
+  EXPECT_EQ(errors_.str(),
+            "acl-agent: apply vrf \"red\": chain \"ACLAGENT-INPUT\" is kept, holding only a "
+            "RETURN of the agent's, while a rule of someone else's in chain \"FORWARD\" jumps to "
+            "it\n");
+  // Each backend takes it as in place.
+  for (const Kind kind : {Kind::kIptables, Kind::kNft}) {
+    backend(kind).vrfRulesIs("red", ChainRules{});
+    settle();
+    EXPECT_EQ(status("red").writes, 0u) << saved("red");
+  }
+  // Someone else's jump goes: heard as it happens, and the chain goes.
+  shell(in("red") + "iptables-nft -D FORWARD -j ACLAGENT-INPUT");
+  EXPECT_TRUE(awaitLoop([&] {
+    return backend_->idle() && saved("red").find("ACLAGENT") == std::string::npos;
+  })) << saved("red");
+  EXPECT_EQ(status("red").writes, 1u);
+}
+
 }  // namespace
 }  // namespace AclAgent

@@ -18,28 +18,8 @@ cd "$(dirname "$0")/.."
 vrfs=${VRFS:-1024}
 timed_vrfs=256
 
-if [ "${ACL_PRIVATE_NAMESPACE:-}" != 1 ]; then
-  [ "$(id -u)" = 0 ] || { echo "skipped: needs root for network namespaces and iptables"; exit 77; }
-  set -e
-  scripts/install-deps.sh
-  cmake --preset bench > /dev/null
-  cmake --build --preset bench --target acl-agent McastDnsAclPlugin acl_apply_bench
-  set +e
-  for tool in unshare ip iptables-restore iptables-save; do
-    command -v "$tool" > /dev/null || { echo "skipped: $tool is not installed"; exit 77; }
-  done
-  unshare -m -n true 2> /dev/null || { echo "skipped: cannot make private namespaces here"; exit 77; }
-  compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' build/bench/CMakeCache.txt)
-  echo "machine:  $(nproc) cores, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)"
-  echo "compiler: $("$compiler" --version | head -n 1)"
-  echo "kernel:   $(uname -r), $(iptables-restore --version 2>&1 | head -n 1)"
-  echo "load:     $(cut -d ' ' -f 1-3 /proc/loadavg)"
-  ACL_OUTER_NETNS=$(readlink /proc/self/ns/net) ACL_PRIVATE_NAMESPACE=1 \
-    exec unshare -m -n -- bash "$0" "$@"
-fi
-
-mount -t tmpfs tmpfs /run && mkdir -p /run/netns || { echo "skipped: cannot mount a private /run"; exit 77; }
-ip link set lo up
+source bench/bench-lib.sh
+bench_private_run "acl-agent McastDnsAclPlugin acl_apply_bench" "ip iptables-restore iptables-save" "$@"
 if ! iptables-save > /dev/null 2>&1; then echo "skipped: iptables cannot run here"; exit 77; fi
 [ "$vrfs" -ge "$timed_vrfs" ] || vrfs=$timed_vrfs
 for i in $(seq "$vrfs"); do echo "netns add vrf$i"; done | ip -batch - ||

@@ -258,7 +258,9 @@ std::string keptNote(const std::string& name, const std::vector<std::string>& ot
 
 std::vector<std::string> chainsGoing(const SavedTable& saved, const ChainRules& wanted) {
   std::vector<std::string> going;
-  for (const auto& [name, rules] : saved.chains) {
+  for (const auto& entry : saved.chains) {
+    const std::string& name = entry.first;
+    const std::vector<SavedRule>& rules = entry.second;
     if (!agentsChain(saved, wanted, name)) continue;
     const std::string chain = name.substr(kOwnedPrefix.size());
     if (auto stands = wanted.find(chain); stands != wanted.end() && !stands->second.empty()) {
@@ -267,11 +269,12 @@ std::vector<std::string> chainsGoing(const SavedTable& saved, const ChainRules& 
     // Kept as it should be: just the marker, no jump of the agent's to it,
     // and someone else's rule still jumping to it.
     auto kernelChain = saved.chains.find(chain);
-    const bool kept = rules.size() == 1 && rules.front().tag == kKeptTag &&
-                      (kernelChain == saved.chains.end() ||
-                       std::none_of(kernelChain->second.begin(), kernelChain->second.end(),
-                                    [&](const SavedRule& rule) { return rule.target == name; })) &&
-                      !jumpsFromOthers(saved, wanted, name).empty();
+    const bool kept =
+        rules.size() == 1 && rules.front().tag == kKeptTag &&
+        (kernelChain == saved.chains.end() ||
+         std::none_of(kernelChain->second.begin(), kernelChain->second.end(),
+                      [&name](const SavedRule& rule) { return rule.target == name; })) &&
+        !jumpsFromOthers(saved, wanted, name).empty();
     if (!kept) going.push_back(name);
   }
   return going;
